@@ -97,7 +97,7 @@ const uint8_t* ReverseTable(const SingleByteTable* table) {
 #if defined(__SSE2__)
 // Widens the ASCII run at s into d, 16 bytes at a time; returns its length.
 // Writes up to 16 units past the run, so the caller needs room for 16 more.
-inline size_t WidenAsciiRun(const uint8_t* s, size_t n, char16_t* d, size_t room) {
+[[gnu::always_inline]] inline size_t WidenAsciiRun(const uint8_t* s, size_t n, char16_t* d, size_t room) {
     size_t i = 0;
     const __m128i zero = _mm_setzero_si128();
     while (i + 16 <= n && (!d || room - i >= 16)) {
@@ -114,7 +114,7 @@ inline size_t WidenAsciiRun(const uint8_t* s, size_t n, char16_t* d, size_t room
 }
 
 // Narrows the ASCII run of units at s into d, 16 at a time; returns its length.
-inline size_t NarrowAsciiRun(const char16_t* s, size_t n, uint8_t* d, size_t room) {
+[[gnu::always_inline]] inline size_t NarrowAsciiRun(const char16_t* s, size_t n, uint8_t* d, size_t room) {
     size_t i = 0;
     const __m128i high = _mm_set1_epi16(static_cast<short>(0xFF80));
     const __m128i zero = _mm_setzero_si128();
@@ -132,7 +132,7 @@ inline size_t NarrowAsciiRun(const char16_t* s, size_t n, uint8_t* d, size_t roo
 }
 #else
 // Portable versions: eight bytes (four units) per step.
-inline size_t WidenAsciiRun(const uint8_t* s, size_t n, char16_t* d, size_t room) {
+[[gnu::always_inline]] inline size_t WidenAsciiRun(const uint8_t* s, size_t n, char16_t* d, size_t room) {
     size_t i = 0;
     while (i + 8 <= n && (!d || room - i >= 8)) {
         uint64_t w;
@@ -150,7 +150,7 @@ inline size_t WidenAsciiRun(const uint8_t* s, size_t n, char16_t* d, size_t room
     return i;
 }
 
-inline size_t NarrowAsciiRun(const char16_t* s, size_t n, uint8_t* d, size_t room) {
+[[gnu::always_inline]] inline size_t NarrowAsciiRun(const char16_t* s, size_t n, uint8_t* d, size_t room) {
     size_t i = 0;
     while (i + 4 <= n && (!d || room - i >= 4)) {
         uint64_t w;
@@ -184,14 +184,41 @@ ConvertResult TableToWide(const SingleByteTable* table, const uint8_t* s, size_t
     }
     if (cap < n) return Err(kErrorInsufficientBuffer);
     size_t i = 0;
-    while (i < n) {
-        if (table->ascii_identity) {
-            i += WidenAsciiRun(s + i, n - i, d + i, cap - i);
-            if (i == n) break;
+    if (table->ascii_identity) {
+        // Blocks of 16: widened at once when all ASCII, else looked up one by
+        // one without leaving the block, which keeps mixed text fast.
+        while (n - i >= 16) {
+#if defined(__SSE2__)
+            // Widen all 16, then look up only the bytes with the high bit set.
+            __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i));
+            const __m128i zero = _mm_setzero_si128();
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i), _mm_unpacklo_epi8(v, zero));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i + 8), _mm_unpackhi_epi8(v, zero));
+            for (unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(v)); mask; mask &= mask - 1) {
+                size_t k = i + static_cast<size_t>(__builtin_ctz(mask));
+                char16_t u = map[s[k]];
+                if (u == 0xFFFD && strict) return Err(kErrorNoUnicodeTranslation);
+                d[k] = u;
+            }
+            i += 16;
+#else
+            size_t run = WidenAsciiRun(s + i, 16, d + i, 16);
+            if (run == 16) {
+                i += 16;
+                continue;
+            }
+            for (size_t end = i + 16; i < end; ++i) {
+                char16_t u = map[s[i]];
+                if (u == 0xFFFD && strict) return Err(kErrorNoUnicodeTranslation);
+                d[i] = u;
+            }
+#endif
         }
+    }
+    for (; i < n; ++i) {
         char16_t u = map[s[i]];
         if (u == 0xFFFD && strict) return Err(kErrorNoUnicodeTranslation);
-        d[i++] = u;
+        d[i] = u;
     }
     return static_cast<ConvertResult>(n);
 }
@@ -210,21 +237,40 @@ ConvertResult WideToTable(const SingleByteTable* table, const char16_t* s, size_
         fallback = rev['?'] ? rev['?'] : '?';
     }
     bool used = false;
-    size_t i = 0;
-    while (i < n) {
-        if (table->ascii_identity) {
-            i += NarrowAsciiRun(s + i, n - i, d ? d + i : nullptr, cap - i);
-            if (i == n) break;
-        }
-        char16_t u = s[i];
+    auto one = [&](size_t k) {
+        char16_t u = s[k];
         uint8_t b = rev[u];
         if (b == 0 && u != 0) {
             b = fallback;
             used = true;
         }
-        if (d) d[i] = b;
-        ++i;
+        if (d) d[k] = b;
+    };
+    size_t i = 0;
+    if (table->ascii_identity) {
+        while (n - i >= 16) {
+#if defined(__SSE2__)
+            // Narrow all 16, then redo only the units above 0x7F.
+            __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i));
+            __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i + 8));
+            const __m128i high = _mm_set1_epi16(static_cast<short>(0xFF80));
+            const __m128i zero = _mm_setzero_si128();
+            __m128i ascii = _mm_packs_epi16(_mm_cmpeq_epi16(_mm_and_si128(a, high), zero),
+                                            _mm_cmpeq_epi16(_mm_and_si128(b, high), zero));
+            if (d) _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i), _mm_packus_epi16(a, b));
+            unsigned mask = ~static_cast<unsigned>(_mm_movemask_epi8(ascii)) & 0xFFFF;
+            for (; mask; mask &= mask - 1) one(i + static_cast<size_t>(__builtin_ctz(mask)));
+            i += 16;
+#else
+            if (NarrowAsciiRun(s + i, 16, d ? d + i : nullptr, 16) == 16) {
+                i += 16;
+                continue;
+            }
+            for (size_t end = i + 16; i < end; ++i) one(i);
+#endif
+        }
     }
+    for (; i < n; ++i) one(i);
     if (used && used_default) *used_default = true;
     return static_cast<ConvertResult>(n);
 }
@@ -238,16 +284,18 @@ ConvertResult WideToTable(const SingleByteTable* table, const char16_t* s, size_
 //   UTF8-4 = %xF0 %x90-BF 2UTF8-tail / %xF1-F3 3UTF8-tail / %xF4 %x80-8F 2UTF8-tail
 // Anything else yields one U+FFFD per maximal subpart: the longest prefix of
 // a well-formed sequence, or a single byte that cannot start one.
+template <bool kFill>
 ConvertResult Utf8ToWide(const uint8_t* s, size_t n, char16_t* d, size_t cap, bool strict) {
+    if (!kFill) d = nullptr;
     size_t i = 0, o = 0;
     while (i < n) {
-        size_t run = WidenAsciiRun(s + i, n - i, d ? d + o : nullptr, d ? cap - o : 0);
+        size_t run = WidenAsciiRun(s + i, n - i, kFill ? d + o : nullptr, kFill ? cap - o : 0);
         i += run;
         o += run;
         if (i == n) break;
         uint8_t b = s[i];
         if (b < 0x80) {
-            if (d) {
+            if (kFill) {
                 if (o == cap) return Err(kErrorInsufficientBuffer);
                 d[o] = b;
             }
@@ -296,7 +344,7 @@ ConvertResult Utf8ToWide(const uint8_t* s, size_t n, char16_t* d, size_t cap, bo
         }
         i = j;
         if (cp >= 0x10000) {
-            if (d) {
+            if (kFill) {
                 if (cap - o < 2) return Err(kErrorInsufficientBuffer);
                 cp -= 0x10000;
                 d[o] = static_cast<char16_t>(0xD800 + (cp >> 10));
@@ -304,7 +352,7 @@ ConvertResult Utf8ToWide(const uint8_t* s, size_t n, char16_t* d, size_t cap, bo
             }
             o += 2;
         } else {
-            if (d) {
+            if (kFill) {
                 if (o == cap) return Err(kErrorInsufficientBuffer);
                 d[o] = static_cast<char16_t>(cp);
             }
@@ -314,10 +362,12 @@ ConvertResult Utf8ToWide(const uint8_t* s, size_t n, char16_t* d, size_t cap, bo
     return static_cast<ConvertResult>(o);
 }
 
+template <bool kFill>
 ConvertResult WideToUtf8(const char16_t* s, size_t n, uint8_t* d, size_t cap, bool strict) {
+    if (!kFill) d = nullptr;
     size_t i = 0, o = 0;
     while (i < n) {
-        size_t run = NarrowAsciiRun(s + i, n - i, d ? d + o : nullptr, d ? cap - o : 0);
+        size_t run = NarrowAsciiRun(s + i, n - i, kFill ? d + o : nullptr, kFill ? cap - o : 0);
         i += run;
         o += run;
         if (i == n) break;
@@ -353,7 +403,7 @@ ConvertResult WideToUtf8(const char16_t* s, size_t n, uint8_t* d, size_t cap, bo
                 len = 3;
             }
         }
-        if (d) {
+        if (kFill) {
             if (cap - o < len) return Err(kErrorInsufficientBuffer);
             std::memcpy(d + o, buf, len);
         }
@@ -449,7 +499,10 @@ int MultiByteToWideChar(int codepage, uint32_t flags, const char* src, int src_l
     if (flags & ~allowed) return Fail(kErrorInvalidFlags);
     bool strict = (flags & kMbErrInvalidChars) != 0;
 
-    if (cp == 65001) return Finish(Utf8ToWide(s, n, d, cap, strict));
+    if (cp == 65001) {
+        return Finish(d ? Utf8ToWide<true>(s, n, d, cap, strict)
+                        : Utf8ToWide<false>(s, n, nullptr, 0, strict));
+    }
     if (cp == 1200 || cp == 1201) return Finish(Utf16BytesToWide(cp == 1201, s, n, d, cap, strict));
     if (const SingleByteTable* table = FindTable(cp)) {
         return Finish(TableToWide(table, s, n, d, cap, strict));
@@ -483,7 +536,10 @@ int WideCharToMultiByte(int codepage, uint32_t flags, const char16_t* src, int s
     bool strict = (flags & kWcErrInvalidChars) != 0;
     if (used_default) *used_default = false;
 
-    if (cp == 65001) return Finish(WideToUtf8(src, n, d, cap, strict));
+    if (cp == 65001) {
+        return Finish(d ? WideToUtf8<true>(src, n, d, cap, strict)
+                        : WideToUtf8<false>(src, n, nullptr, 0, strict));
+    }
     if (cp == 1200 || cp == 1201) return Finish(WideToUtf16Bytes(cp == 1201, src, n, d, cap));
     if (const SingleByteTable* table = FindTable(cp)) {
         return Finish(WideToTable(table, src, n, d, cap, default_char, used_default));

@@ -141,7 +141,6 @@ ConvertResult IconvToWide(int cp, const char* src, size_t src_len, char16_t* dst
     size_t written = 0;
     char* in = const_cast<char*>(src);
     size_t in_left = src_len;
-    bool flushing = false;
 
     // Emits one replacement unit; false when the destination is full.
     auto replace = [&]() {
@@ -153,36 +152,51 @@ ConvertResult IconvToWide(int cp, const char* src, size_t src_len, char16_t* dst
         return true;
     };
 
-    for (;;) {
-        char16_t* out_start = fill ? dst + written : scratch;
-        size_t out_units = fill ? dst_cap - written : kScratch;
+    // iconv may ask for room for its longest character even where the next
+    // one is shorter or unmappable, so near the end of the destination the
+    // output goes through the scratch buffer and is copied if it fits.
+    bool via_scratch = !fill;
+    while (in_left > 0) {
+        char16_t* out_start = via_scratch ? scratch : dst + written;
+        size_t out_units = via_scratch ? kScratch : dst_cap - written;
         char* out = reinterpret_cast<char*>(out_start);
         size_t out_left = out_units * sizeof(char16_t);
-        size_t r = flushing ? iconv(cd, nullptr, nullptr, &out, &out_left)
-                            : iconv(cd, &in, &in_left, &out, &out_left);
+        size_t r = iconv(cd, &in, &in_left, &out, &out_left);
         int err = errno;
-        written += (out - reinterpret_cast<char*>(out_start)) / sizeof(char16_t);
-        if (r != static_cast<size_t>(-1)) {
-            if (flushing) break;
-            flushing = true;
-            continue;
+        size_t produced = (out - reinterpret_cast<char*>(out_start)) / sizeof(char16_t);
+        if (fill && via_scratch) {
+            if (dst_cap - written < produced) return Err(kErrorInsufficientBuffer);
+            std::memcpy(dst + written, scratch, produced * sizeof(char16_t));
         }
+        written += produced;
+        if (r != static_cast<size_t>(-1)) break;
         if (err == E2BIG) {
-            if (fill) return Err(kErrorInsufficientBuffer);
+            via_scratch = true;
             continue;
         }
         if (strict) return Err(kErrorNoUnicodeTranslation);
         if (!replace()) return Err(kErrorInsufficientBuffer);
-        if (err == EILSEQ && !flushing) {
+        if (err == EILSEQ) {
             ++in;
             --in_left;
         } else {
-            // Incomplete sequence at the end (or a decoder that cannot finish):
-            // one replacement for the rest.
-            in_left = 0;
+            // A sequence cut off at the end: one replacement for the rest.
             iconv(cd, nullptr, nullptr, nullptr, nullptr);
-            break;
+            return static_cast<ConvertResult>(written);
         }
+    }
+    // Whatever the decoder still holds. Through a small buffer, because iconv
+    // refuses even an empty flush when the destination has no room left.
+    char16_t tmp[16];
+    char* out = reinterpret_cast<char*>(tmp);
+    size_t out_left = sizeof tmp;
+    if (iconv(cd, nullptr, nullptr, &out, &out_left) != static_cast<size_t>(-1)) {
+        size_t produced = (out - reinterpret_cast<char*>(tmp)) / sizeof(char16_t);
+        if (fill) {
+            if (dst_cap - written < produced) return Err(kErrorInsufficientBuffer);
+            std::memcpy(dst + written, tmp, produced * sizeof(char16_t));
+        }
+        written += produced;
     }
     return static_cast<ConvertResult>(written);
 }
@@ -200,70 +214,77 @@ ConvertResult IconvFromWide(int cp, const char16_t* src, size_t src_len, char* d
     size_t written = 0;
     char* in = reinterpret_cast<char*>(const_cast<char16_t*>(src));
     size_t in_left = src_len * sizeof(char16_t);
-    bool flushing = false;
-    bool after_default = false;  // the default bytes still have to be written
-    size_t pending = 0;          // how many default characters
 
-    for (;;) {
-        char* out_start = fill ? dst + written : scratch;
-        size_t out_left = fill ? dst_cap - written : kScratch;
-        char* out = out_start;
-        size_t r;
-        if (flushing || after_default) {
-            // Back to the initial shift state, so the default bytes read as
-            // themselves (ISO-2022 leaves its double-byte set, UTF-7 its base64).
-            r = iconv(cd, nullptr, nullptr, &out, &out_left);
-        } else {
-            r = iconv(cd, &in, &in_left, &out, &out_left);
+    // Returns the shift state to the initial one. The reset bytes go through
+    // a small buffer first: iconv refuses even an empty reset when the
+    // destination has no room left.
+    auto reset_state = [&]() -> bool {
+        char tmp[64];
+        char* out = tmp;
+        size_t out_left = sizeof tmp;
+        if (iconv(cd, nullptr, nullptr, &out, &out_left) == static_cast<size_t>(-1)) return false;
+        size_t produced = out - tmp;
+        if (fill) {
+            if (dst_cap - written < produced) return false;
+            std::memcpy(dst + written, tmp, produced);
         }
+        written += produced;
+        return true;
+    };
+
+    // As in IconvToWide: near the end of the destination, through scratch.
+    bool via_scratch = !fill;
+    while (in_left > 0) {
+        char* out_start = via_scratch ? scratch : dst + written;
+        size_t out_left = via_scratch ? kScratch : dst_cap - written;
+        char* out = out_start;
+        size_t r = iconv(cd, &in, &in_left, &out, &out_left);
         int err = errno;
-        written += out - out_start;
-        if (r == static_cast<size_t>(-1)) {
-            if (err == E2BIG) {
-                if (fill) return Err(kErrorInsufficientBuffer);
-                continue;
-            }
-            if (flushing || after_default) return Err(kErrorInvalidParameter);
-            // EILSEQ: unmappable or a lone surrogate; EINVAL: a high surrogate
-            // at the very end.
-            char16_t unit;
-            std::memcpy(&unit, in, sizeof unit);
-            size_t skip = 1;
-            bool lone = false;
-            if (unit >= 0xD800 && unit <= 0xDBFF) {
-                char16_t next = 0;
-                if (in_left >= 2 * sizeof(char16_t)) std::memcpy(&next, in + 2, sizeof next);
-                if (next >= 0xDC00 && next <= 0xDFFF) {
-                    skip = 2;
-                } else {
-                    lone = true;
-                }
-            } else if (unit >= 0xDC00 && unit <= 0xDFFF) {
+        size_t produced = out - out_start;
+        if (fill && via_scratch) {
+            if (dst_cap - written < produced) return Err(kErrorInsufficientBuffer);
+            std::memcpy(dst + written, scratch, produced);
+        }
+        written += produced;
+        if (r != static_cast<size_t>(-1)) break;
+        if (err == E2BIG) {
+            via_scratch = true;
+            continue;
+        }
+        // EILSEQ: unmappable or a lone surrogate; EINVAL: a high surrogate
+        // at the very end.
+        char16_t unit;
+        std::memcpy(&unit, in, sizeof unit);
+        size_t skip = 1;
+        bool lone = false;
+        if (unit >= 0xD800 && unit <= 0xDBFF) {
+            char16_t next = 0;
+            if (in_left >= 2 * sizeof(char16_t)) std::memcpy(&next, in + 2, sizeof next);
+            if (next >= 0xDC00 && next <= 0xDFFF) {
+                skip = 2;
+            } else {
                 lone = true;
             }
-            if (strict && lone) return Err(kErrorNoUnicodeTranslation);
-            // One default character per UTF-16 unit, as the single-byte pages do.
-            in += skip * sizeof(char16_t);
-            in_left -= skip * sizeof(char16_t);
-            if (used_default) *used_default = true;
-            after_default = true;
-            pending = skip;
-            continue;
+        } else if (unit >= 0xDC00 && unit <= 0xDFFF) {
+            lone = true;
         }
-        if (after_default) {
-            for (size_t k = 0; k < pending; ++k) {
-                if (fill) {
-                    if (dst_cap - written < default_len) return Err(kErrorInsufficientBuffer);
-                    std::memcpy(dst + written, default_bytes, default_len);
-                }
-                written += default_len;
+        if (strict && lone) return Err(kErrorNoUnicodeTranslation);
+        in += skip * sizeof(char16_t);
+        in_left -= skip * sizeof(char16_t);
+        if (used_default) *used_default = true;
+        // Default bytes read as themselves only in the initial shift state
+        // (ISO-2022 leaves its double-byte set, UTF-7 its base64 run).
+        if (!reset_state()) return Err(kErrorInsufficientBuffer);
+        // One default character per UTF-16 unit, as the single-byte pages do.
+        for (size_t k = 0; k < skip; ++k) {
+            if (fill) {
+                if (dst_cap - written < default_len) return Err(kErrorInsufficientBuffer);
+                std::memcpy(dst + written, default_bytes, default_len);
             }
-            after_default = false;
-            continue;
+            written += default_len;
         }
-        if (flushing) break;
-        flushing = true;
     }
+    if (!reset_state()) return Err(kErrorInsufficientBuffer);
     return static_cast<ConvertResult>(written);
 }
 

@@ -393,6 +393,23 @@ TEST(CodepageIconv, UnmappableBecomesDefaultInTheRightShiftState) {
     EXPECT_EQ(strict.error, kErrorNoUnicodeTranslation);
 }
 
+// iconv may want room for its longest character before it sees that the next
+// one is unmappable; an exact buffer must still be enough.
+TEST(CodepageIconv, ExactBufferHoldsDefaultCharacterAtTheEnd) {
+    for (int cp : {20932, 932, 936, 949, 50220, 50225}) {
+        for (std::u16string text : {std::u16string(u"Y\uFFFD"), std::u16string(u"\uFFFD"),
+                                    std::u16string(u"\u65E5\uFFFD")}) {
+            Encoded e = Encode(cp, text);
+            ASSERT_TRUE(e.ok) << cp << " error " << e.error;
+            EXPECT_TRUE(e.used_default) << cp;
+            EXPECT_NE(e.bytes.find('?'), std::string::npos) << cp;
+        }
+        Decoded d = Decode(cp, "a\xFF");
+        ASSERT_TRUE(d.ok) << cp;
+        EXPECT_EQ(d.text.back(), kFffd) << cp;
+    }
+}
+
 // Descriptors are cached per thread; several threads converting different
 // pages at once must not see each other's shift state.
 TEST(CodepageIconv, ThreadsConvertIndependently) {
