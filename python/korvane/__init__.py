@@ -37,7 +37,7 @@ from ._native import PUMP, lib
 __all__ = [
     "CreateObject", "CreateRegisteredObject", "WithEvents", "Missing", "Ref", "Dispatch",
     "Error", "UnknownNameError", "ArgumentCountError", "TypeMismatchError", "ObjectError",
-    "live_objects", "set_pump", "register_test_class",
+    "live_objects", "release", "set_pump", "register_test_class",
 ]
 
 
@@ -60,6 +60,11 @@ def WithEvents(obj, handler):
     connection = _Connection(obj._ptr, handler)
     obj._connections.append(connection)
     return Events(connection)
+
+
+def release(obj):
+    """Drops obj's reference now, as a script's "Set obj = Nothing" does; obj is unusable after."""
+    obj._release()
 
 
 def live_objects():

@@ -381,7 +381,7 @@ class _BoundMember:
         self._kind = kind
 
     def __call__(self, *args, **kwargs):
-        return _invoke(self._obj._ptr, self._member.dispid, self._kind,
+        return _invoke(self._obj._checked(), self._member.dispid, self._kind,
                        _place(self._member, args, kwargs))
 
     def __repr__(self):
@@ -411,13 +411,21 @@ class Dispatch:
         object.__setattr__(self, "_iface", _interface(ptr, 0))
         object.__setattr__(self, "_connections", [])
 
-    def __del__(self):
+    def _release(self):
         ptr = getattr(self, "_ptr", None)
         if ptr:
             for c in self._connections:
                 c.close()
             object.__setattr__(self, "_ptr", None)
             lib.kv_release(ptr)
+
+    def __del__(self):
+        self._release()
+
+    def _checked(self):
+        if not self._ptr:
+            raise Error(-2147467261, "the object was released")  # E_POINTER
+        return self._ptr
 
     def _find(self, name):
         if self._iface is not None:
@@ -441,7 +449,7 @@ class Dispatch:
         if m.kinds & GET:
             if m.params and self._iface is not None:
                 return _BoundMember(self, m, GET)
-            return _invoke(self._ptr, m.dispid, GET if self._iface else METHOD | GET, [])
+            return _invoke(self._checked(), m.dispid, GET if self._iface else METHOD | GET, [])
         raise AttributeError(f"'{m.name}' can only be written")
 
     def __setattr__(self, name, value):
@@ -454,7 +462,7 @@ class Dispatch:
             kind = PUTREF
         else:
             raise AttributeError(f"'{m.name}' is read-only")
-        _invoke(self._ptr, m.dispid, kind, [value])
+        _invoke(self._checked(), m.dispid, kind, [value])
 
     def __dir__(self):
         return sorted(m.name for m in self._iface.by_id.values()) if self._iface else []
@@ -475,6 +483,10 @@ class Dispatch:
     # Collections: Count and Item(Index), Item counting from 1 as the objects do.
     def _has(self, name):
         return self._iface is not None and self._iface.find(name) is not None
+
+    def __bool__(self):
+        # An object is true even when it is an empty collection, as in a script.
+        return True
 
     def __len__(self):
         if not self._has("Count"):
