@@ -1,0 +1,181 @@
+// CMessage, the automation object Korvane.Message: one mail message held in
+// two representations at once, the raw bytes m_bsRawBody and the decoded
+// properties with their header and attachment collections.
+//
+// Writing a decoded property only marks the raw text stale
+// (m_bNeedsRebuild); reading the raw text runs EnsureRawBody, which composes
+// when something is stale. Writing the raw text parses at once.
+#pragma once
+
+#include <vector>
+
+#include "automation/object.h"
+#include "foundation/bstring.h"
+#include "message/collections.h"
+
+namespace kv {
+
+class CMessage : public ObjectBase {
+public:
+    // A new message holding one reference, its creator's.
+    static CMessage* New();
+    // The message behind an interface pointer of ours, or null when the
+    // pointer is not a message of this library. No reference is added.
+    static CMessage* FromDispatch(IDispatch* object);
+
+    // ---- fields, in declared order ----
+    bool m_bPreformatted = false;
+    bstring m_bsPreformattedContentType;
+    bool m_bMinimalRebuild = false;
+    int32_t m_nCodepageOriginal = 0;
+    bstring m_bsCharsetOriginal;
+    bstring m_bsCharset{"utf-8"};
+    int32_t m_nAltBodyOptions = 1;
+    wbstring m_wsAltBodyHRefSuffix;
+    CAttachments* m_pAttachments = nullptr;
+    CMIMEHeaders* m_pHeaders = nullptr;
+    bstring m_bsRawBody;
+    wbstring m_wsFromAddr, m_wsReplyToAddr, m_wsToAddr, m_wsCCAddr, m_wsBCCAddr, m_wsSubject;
+    wbstring m_wsPureFromAddr, m_wsPureReplyToAddr, m_wsPureToAddr, m_wsPureCCAddr;
+    wbstring m_wsAddressDelimiter{u", "};
+    bstring m_bsReceived;
+    bstring m_bsReturnPath;
+    bstring m_bsXMailer{"Korvane Objects (ActiveX) 9.4"};
+    wbstring m_wsBodyText;
+    int32_t m_nBodyFormat = 0;
+    int32_t m_nBodyEncoding = 2;
+    bool m_bNeedsRebuild = true;
+    bool m_bAutoEncodeHeaders = true;
+    std::vector<CBodyPart*> m_collBodyParts;
+    wbstring m_wsAltBodyText, m_wsSpecialBodyText;
+    bstring m_bsSpecialBodyContentType, m_bsSpecialBodyHeaders;
+    bstring m_bsMultipartContentType, m_bsMultipartExtraParams;
+    bstring m_bsDate;
+    bstring m_bsMessageId;
+    bool m_bMessageIdSet = false, m_bDateSet = false;
+    wbstring m_wsMessageDirectoryPath;
+    bstring m_bsBoundaryTail{40};
+    bool m_bMultipart = false, m_bMixed = false, m_bRelated = false, m_bAlternative = false;
+    int32_t m_nNesting = 0;
+    int32_t m_nServerSize = 0;
+    int32_t m_nTopCodepage = -1;
+    bool m_bHasAttachments = false;
+    bool m_bHeadersOnly = false;
+    int32_t m_nAltBodyEncoding = 2;
+    bool m_bEnable8bitEncoding = false;
+
+    // ---- internal operations ----
+    // Brings m_bsRawBody up to date: composes when the decoded side or the
+    // attachment collection changed since the last compose or parse.
+    void EnsureRawBody();
+    // The caller stored bytes in m_bsRawBody directly: parse them now.
+    void ImportRawMessage(bool headers_only, int32_t server_size);
+    // Compose the decoded side into m_bsRawBody / parse m_bsRawBody into the
+    // decoded side. Parsing never fails.
+    void MessageToRawBody();
+    void RawBodyToMessage();
+    CMIMEHeader* FindHeader(const char* name) const { return m_pHeaders->Find(name); }
+    void RemoveHeaderRecord(const char* name);
+    void CopyHeader(const char* name, CMessage& target) const;
+    static bool IsStandardHeader(const bstring& name);
+
+    // ---- IMessage ----
+    HRESULT get_BodyText(BSTR* out);
+    HRESULT put_BodyText(BSTR value);
+    HRESULT get_FromAddr(BSTR* out);
+    HRESULT put_FromAddr(BSTR value);
+    HRESULT get_ToAddr(BSTR* out);
+    HRESULT put_ToAddr(BSTR value);
+    HRESULT get_Subject(BSTR* out);
+    HRESULT put_Subject(BSTR value);
+    HRESULT get_Attachments(IDispatch** out);
+    HRESULT AddAttachment(BSTR path, BSTR content_type, BSTR content_id, BSTR filename,
+                          VARIANT_BOOL* out);
+    HRESULT get_RawBody(BSTR* out);
+    HRESULT put_RawBody(BSTR value);
+    HRESULT AddHeader(BSTR name, BSTR value, VARIANT_BOOL* out);
+    HRESULT GetHeader(BSTR name, BSTR* out);
+    HRESULT get_AltBodyText(BSTR* out);
+    HRESULT put_AltBodyText(BSTR value);
+    HRESULT get_BodyFormat(int32_t* out);
+    HRESULT put_BodyFormat(int32_t value);
+    HRESULT get_GetObject(int64_t* out);
+    HRESULT get_CCAddr(BSTR* out);
+    HRESULT put_CCAddr(BSTR value);
+    HRESULT get_BCCAddr(BSTR* out);
+    HRESULT put_BCCAddr(BSTR value);
+    HRESULT get_Locked(VARIANT_BOOL* out);
+    HRESULT put_Locked(VARIANT_BOOL value);
+    HRESULT get_BodyEncoding(int32_t* out);
+    HRESULT put_BodyEncoding(int32_t value);
+    HRESULT get_AltBodyEncoding(int32_t* out);
+    HRESULT put_AltBodyEncoding(int32_t value);
+    HRESULT get_Enable8bitEncoding(VARIANT_BOOL* out);
+    HRESULT put_Enable8bitEncoding(VARIANT_BOOL value);
+    HRESULT get_Charset(BSTR* out);
+    HRESULT put_Charset(BSTR value);
+    HRESULT get_MessageDate(BSTR* out);
+    HRESULT put_MessageDate(BSTR value);
+    HRESULT get_MessageId(BSTR* out);
+    HRESULT put_MessageId(BSTR value);
+    HRESULT get_ReturnPath(BSTR* out);
+    HRESULT put_ReturnPath(BSTR value);
+    HRESULT get_Received(BSTR* out);
+    HRESULT get_ReplyToAddr(BSTR* out);
+    HRESULT put_ReplyToAddr(BSTR value);
+    HRESULT get_Size(int32_t* out);
+    HRESULT get_HasAttachments(VARIANT_BOOL* out);
+    HRESULT get_ContentType(BSTR* out);
+    HRESULT get_ContentTransferEncoding(BSTR* out);
+    HRESULT get_CodepageMode(int32_t* out);
+    HRESULT put_CodepageMode(int32_t value);
+    HRESULT GetMessageDirectoryPath(BSTR* out);
+    HRESULT get_Date(BSTR* out);
+    HRESULT put_Date(BSTR value);
+    HRESULT get_XMailer(BSTR* out);
+    HRESULT put_XMailer(BSTR value);
+    HRESULT get_Codepage(int32_t* out);
+    HRESULT put_Codepage(int32_t value);
+    HRESULT get_AltBodyOptions(int32_t* out);
+    HRESULT put_AltBodyOptions(int32_t value);
+    HRESULT get_AltBodyHRefSuffix(BSTR* out);
+    HRESULT put_AltBodyHRefSuffix(BSTR value);
+    HRESULT get_RawHeader(BSTR* out);
+    HRESULT GetLocalTimeZoneOffset(VARIANT_BOOL ignore_daylight_bias, int32_t* out);
+    HRESULT get_MinimalRebuild(VARIANT_BOOL* out);
+    HRESULT put_MinimalRebuild(VARIANT_BOOL value);
+    HRESULT RemoveHeader(BSTR name, VARIANT_BOOL* out);
+    HRESULT AddMemoryAttachment(const VARIANT& data, BSTR filename, BSTR content_type,
+                                BSTR content_id, VARIANT_BOOL* out);
+    HRESULT AddStringAttachment(BSTR data, VARIANT_BOOL as_utf8, BSTR filename,
+                                BSTR content_type, BSTR content_id, VARIANT_BOOL* out);
+    HRESULT get_SpecialBodyText(BSTR* out);
+    HRESULT put_SpecialBodyText(BSTR value);
+    HRESULT get_SpecialBodyContentType(BSTR* out);
+    HRESULT put_SpecialBodyContentType(BSTR value);
+    HRESULT get_SpecialBodyHeaders(BSTR* out);
+    HRESULT put_SpecialBodyHeaders(BSTR value);
+    HRESULT SetMultipartContentType(BSTR content_type, BSTR extra_params);
+    HRESULT Clone(IDispatch** out);
+    HRESULT get_IsRtlBody(VARIANT_BOOL* out);
+    HRESULT get_CodepageOriginal(int32_t* out);
+    HRESULT get_CharsetOriginal(BSTR* out);
+    HRESULT get_AutoEncodeHeaders(VARIANT_BOOL* out);
+    HRESULT put_AutoEncodeHeaders(VARIANT_BOOL value);
+    HRESULT get_AddressDelimiter(BSTR* out);
+    HRESULT put_AddressDelimiter(BSTR value);
+
+protected:
+    ~CMessage() override;
+
+private:
+    CMessage();
+    // put of FromAddr and its like: store, drop the header record and the
+    // cached pure address, mark for rebuild.
+    void PutAddress(wbstring& field, wbstring* pure_cache, const char* header, BSTR value);
+    // Steps shared by the three ways of adding an attachment.
+    void AddAttachmentBytes(bstring& content, const wbstring& name, const bstring& content_type,
+                            const wbstring& content_id);
+};
+
+}  // namespace kv
