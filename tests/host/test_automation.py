@@ -245,9 +245,3 @@ def test_references_are_released():
     gc.collect()
     assert korvane.live_objects() == before
 
-
-def test_pump_hook_can_be_set_and_removed():
-    calls = []
-    korvane.set_pump(lambda: calls.append(1))
-    korvane.set_pump(None)
-    assert calls == []  # nothing waits here; the hook only runs inside blocking calls
