@@ -24,6 +24,28 @@ HRESULT Make(IDispatch** out) {
 
 }  // namespace
 
+// Interfaces of classes whose subsystems are not in this build: the
+// identity is fixed now, the members arrive with the classes.
+const InterfaceInfo kIPOP3Pending("IPOP3", IID_IPOP3, {});
+const InterfaceInfo kISMTPPending("ISMTP", IID_ISMTP, {});
+const InterfaceInfo kIIMAP4Pending("IIMAP4", IID_IIMAP4, {});
+const InterfaceInfo kIIMAP4ResponsePending("IIMAP4Response", IID_IIMAP4Response, {});
+const InterfaceInfo kIEnvelopePending("IEnvelope", IID_IEnvelope, {});
+const InterfaceInfo kIEnvelopesPending("IEnvelopes", IID_IEnvelopes, {});
+const InterfaceInfo kIBodyPartStructurePending("IBodyPartStructure", IID_IBodyPartStructure, {});
+const InterfaceInfo kIBodyPartStructuresPending("IBodyPartStructures", IID_IBodyPartStructures, {});
+const InterfaceInfo kIMailboxPending("IMailbox", IID_IMailbox, {});
+const InterfaceInfo kIMailboxesPending("IMailboxes", IID_IMailboxes, {});
+const InterfaceInfo kISSLPending("ISSL", IID_ISSL, {});
+const InterfaceInfo kICertInfoPending("ICertInfo", IID_ICertInfo, {});
+const InterfaceInfo kISMIMEPending("ISMIME", IID_ISMIME, {});
+const InterfaceInfo kIFormElementPending("IFormElement", IID_IFormElement, {});
+const InterfaceInfo kIFormFilePending("IFormFile", IID_IFormFile, {});
+const InterfaceInfo kIFormElementsPending("IFormElements", IID_IFormElements, {});
+const InterfaceInfo kIFormFilesPending("IFormFiles", IID_IFormFiles, {});
+const InterfaceInfo kIUploaderPending("IUploader", IID_IUploader, {});
+const InterfaceInfo kIMailboxStatusPending("IMailboxStatus", IID_IMailboxStatus, {});
+
 // clang-format off
 const ClassInfo kMessageClass{"CMessage", "Korvane.Message", "Message Class", CLSID_Message, &kIMessage, nullptr, true, &Make<CMessage>};
 const ClassInfo kAttachmentClass{"CAttachment", "Korvane.Attachment", "Attachment Class", CLSID_Attachment, &kIAttachment, nullptr, false, &Make<CAttachment>};
@@ -31,27 +53,27 @@ const ClassInfo kAttachmentsClass{"CAttachments", "Korvane.Attachments", "Attach
 const ClassInfo kMIMEHeaderClass{"CMIMEHeader", "Korvane.MIMEHeader", "MIMEHeader Class", CLSID_MIMEHeader, &kIMIMEHeader, nullptr, false, &Make<CMIMEHeader>};
 const ClassInfo kMIMEHeadersClass{"CMIMEHeaders", "Korvane.MIMEHeaders", "MIMEHeaders Class", CLSID_MIMEHeaders, &kIMIMEHeaders, nullptr, false, &Make<CMIMEHeaders>};
 const ClassInfo kBodyPartClass{"CBodyPart", "Korvane.BodyPart", "BodyPart Class", CLSID_BodyPart, &kIBodyPart, nullptr, false, &Make<CBodyPart>};
-const ClassInfo kPOP3Class{"CPOP3", "Korvane.POP3", "POP3 Class", CLSID_POP3, nullptr, nullptr, true, nullptr};
-const ClassInfo kSMTPClass{"CSMTP", "Korvane.SMTP", "SMTP Class", CLSID_SMTP, nullptr, nullptr, true, nullptr};
+const ClassInfo kPOP3Class{"CPOP3", "Korvane.POP3", "POP3 Class", CLSID_POP3, &kIPOP3Pending, nullptr, true, nullptr};
+const ClassInfo kSMTPClass{"CSMTP", "Korvane.SMTP", "SMTP Class", CLSID_SMTP, &kISMTPPending, nullptr, true, nullptr};
 const ClassInfo kMessagesClass{"CMessages", "Korvane.Messages", "Messages Class", CLSID_Messages, &kIMessages, nullptr, false, &Make<CMessages>};
-const ClassInfo kIMAP4Class{"CIMAP4", "Korvane.IMAP4", "IMAP4 Class", CLSID_IMAP4, nullptr, nullptr, true, nullptr};
-const ClassInfo kIMAP4ResponseClass{"CIMAP4Response", "Korvane.IMAP4Response", "IMAP4Response Class", CLSID_IMAP4Response, nullptr, nullptr, false, nullptr};
-const ClassInfo kEnvelopeClass{"CEnvelope", "Korvane.Envelope", "Envelope Class", CLSID_Envelope, nullptr, nullptr, false, nullptr};
-const ClassInfo kEnvelopesClass{"CEnvelopes", "Korvane.Envelopes", "Envelopes Class", CLSID_Envelopes, nullptr, nullptr, false, nullptr};
-const ClassInfo kBodyPartStructureClass{"CBodyPartStructure", "Korvane.BodyPartStructure", "BodyPartStructure Class", CLSID_BodyPartStructure, nullptr, nullptr, false, nullptr};
-const ClassInfo kBodyPartStructuresClass{"CBodyPartStructures", "Korvane.BodyPartStructures", "BodyPartStructures Class", CLSID_BodyPartStructures, nullptr, nullptr, false, nullptr};
-const ClassInfo kMailboxClass{"CMailbox", "Korvane.Mailbox", "Mailbox Class", CLSID_Mailbox, nullptr, nullptr, false, nullptr};
-const ClassInfo kMailboxesClass{"CMailboxes", "Korvane.Mailboxes", "Mailboxes Class", CLSID_Mailboxes, nullptr, nullptr, false, nullptr};
-const ClassInfo kSSLClass{"CSSL", "Korvane.SSL", "SSL Class", CLSID_SSL, nullptr, nullptr, true, nullptr};
-const ClassInfo kCertInfoClass{"CCertInfo", "Korvane.CertInfo", "CertInfo Class", CLSID_CertInfo, nullptr, nullptr, false, nullptr};
-const ClassInfo kSMIMEClass{"CSMIME", "Korvane.SMIME", "SMIME Class", CLSID_SMIME, nullptr, nullptr, true, nullptr};
-const ClassInfo kFormElementClass{"CFormElement", "Korvane.FormElement", "FormElement Class", CLSID_FormElement, nullptr, nullptr, true, nullptr};
+const ClassInfo kIMAP4Class{"CIMAP4", "Korvane.IMAP4", "IMAP4 Class", CLSID_IMAP4, &kIIMAP4Pending, nullptr, true, nullptr};
+const ClassInfo kIMAP4ResponseClass{"CIMAP4Response", "Korvane.IMAP4Response", "IMAP4Response Class", CLSID_IMAP4Response, &kIIMAP4ResponsePending, nullptr, false, nullptr};
+const ClassInfo kEnvelopeClass{"CEnvelope", "Korvane.Envelope", "Envelope Class", CLSID_Envelope, &kIEnvelopePending, nullptr, false, nullptr};
+const ClassInfo kEnvelopesClass{"CEnvelopes", "Korvane.Envelopes", "Envelopes Class", CLSID_Envelopes, &kIEnvelopesPending, nullptr, false, nullptr};
+const ClassInfo kBodyPartStructureClass{"CBodyPartStructure", "Korvane.BodyPartStructure", "BodyPartStructure Class", CLSID_BodyPartStructure, &kIBodyPartStructurePending, nullptr, false, nullptr};
+const ClassInfo kBodyPartStructuresClass{"CBodyPartStructures", "Korvane.BodyPartStructures", "BodyPartStructures Class", CLSID_BodyPartStructures, &kIBodyPartStructuresPending, nullptr, false, nullptr};
+const ClassInfo kMailboxClass{"CMailbox", "Korvane.Mailbox", "Mailbox Class", CLSID_Mailbox, &kIMailboxPending, nullptr, false, nullptr};
+const ClassInfo kMailboxesClass{"CMailboxes", "Korvane.Mailboxes", "Mailboxes Class", CLSID_Mailboxes, &kIMailboxesPending, nullptr, false, nullptr};
+const ClassInfo kSSLClass{"CSSL", "Korvane.SSL", "SSL Class", CLSID_SSL, &kISSLPending, nullptr, true, nullptr};
+const ClassInfo kCertInfoClass{"CCertInfo", "Korvane.CertInfo", "CertInfo Class", CLSID_CertInfo, &kICertInfoPending, nullptr, false, nullptr};
+const ClassInfo kSMIMEClass{"CSMIME", "Korvane.SMIME", "SMIME Class", CLSID_SMIME, &kISMIMEPending, nullptr, true, nullptr};
+const ClassInfo kFormElementClass{"CFormElement", "Korvane.FormElement", "FormElement Class", CLSID_FormElement, &kIFormElementPending, nullptr, true, nullptr};
 // Scripts create the form file by this spelling, so it stays.
-const ClassInfo kFormFileClass{"CFormFile", "Korvane.FromFile", "FromFile Class", CLSID_FormFile, nullptr, nullptr, true, nullptr};
-const ClassInfo kFormElementsClass{"CFormElements", "Korvane.FormElements", "FormElements Class", CLSID_FormElements, nullptr, nullptr, true, nullptr};
-const ClassInfo kFormFilesClass{"CFormFiles", "Korvane.FormFiles", "FormFiles Class", CLSID_FormFiles, nullptr, nullptr, true, nullptr};
-const ClassInfo kUploaderClass{"CUploader", "Korvane.Uploader", "Uploader Class", CLSID_Uploader, nullptr, nullptr, true, nullptr};
-const ClassInfo kMailboxStatusClass{"CMailboxStatus", "Korvane.MailboxStatus", "MailboxStatus Class", CLSID_MailboxStatus, nullptr, nullptr, true, nullptr};
+const ClassInfo kFormFileClass{"CFormFile", "Korvane.FromFile", "FromFile Class", CLSID_FormFile, &kIFormFilePending, nullptr, true, nullptr};
+const ClassInfo kFormElementsClass{"CFormElements", "Korvane.FormElements", "FormElements Class", CLSID_FormElements, &kIFormElementsPending, nullptr, true, nullptr};
+const ClassInfo kFormFilesClass{"CFormFiles", "Korvane.FormFiles", "FormFiles Class", CLSID_FormFiles, &kIFormFilesPending, nullptr, true, nullptr};
+const ClassInfo kUploaderClass{"CUploader", "Korvane.Uploader", "Uploader Class", CLSID_Uploader, &kIUploaderPending, nullptr, true, nullptr};
+const ClassInfo kMailboxStatusClass{"CMailboxStatus", "Korvane.MailboxStatus", "MailboxStatus Class", CLSID_MailboxStatus, &kIMailboxStatusPending, nullptr, true, nullptr};
 // clang-format on
 
 const ClassInfo* const kCatalogue[] = {
