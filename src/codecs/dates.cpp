@@ -159,7 +159,11 @@ bool ParseDateString(const bstring& text, int64_t& ticks) {
     ParseDateFields(text, fields);
     int64_t local;
     if (!platform::SystemTimeToFileTime(fields.time, local)) return false;
-    ticks = local - int64_t(fields.zoneOffset) * platform::kTicksPerMinute;
+    // Unsigned, as tick counts are: a zone far enough west of a date near the
+    // end of time wraps past the top bit, which reads as a negative, invalid
+    // count rather than overflowing.
+    uint64_t shift = uint64_t(int64_t(fields.zoneOffset)) * uint64_t(platform::kTicksPerMinute);
+    ticks = int64_t(uint64_t(local) - shift);
     return true;
 }
 

@@ -36,8 +36,8 @@ void ParseDateFields(const bstring& text, DateFields& fields);
 // text as an instant in UTC ticks: the fields of ParseDateFields, less the
 // zone offset. Returns false, leaving ticks untouched, when the fields are no
 // calendar date (day 45, 29 February 1900, year 500); the walk itself always
-// completes. The result may be negative for a date near 1601 with a zone east
-// of UTC.
+// completes. The result is negative, which no time is, when the zone moves
+// the instant before 1601 or beyond the last tick.
 bool ParseDateString(const bstring& text, int64_t& ticks);
 
 // The Date header text as an automation DATE: UTC, or with toLocalTime the

@@ -222,6 +222,15 @@ TEST(DatesParse, TicksAndImpossibleDates) {
     }
 }
 
+TEST(DatesParse, ZoneBeyondTheLastTickGivesNoTime) {
+    int64_t ticks = 0;
+    ASSERT_TRUE(ParseDateString(bstring("31 Dec 30827 23:59:59 +1200"), ticks));
+    EXPECT_GT(ticks, 0);
+    ASSERT_TRUE(ParseDateString(bstring("31 Dec 30827 23:59:59 -1299999999900"), ticks));
+    EXPECT_LT(ticks, 0);
+    EXPECT_EQ(GetDateFromString(bstring("31 Dec 30827 23:59:59 -1299999999900"), false), 0.0);
+}
+
 struct DateCase {
     const char* text;
     double utc;
