@@ -182,6 +182,15 @@ KV_API int kv_variant_array_bounds(const kv_variant *v, int32_t *lower, int32_t 
  * array's element type. */
 KV_API int kv_variant_array_get(const kv_variant *v, int32_t index, kv_variant *out);
 
+/* ---- registration ----
+ * Writes (or removes) the keys of every class of the library and of its type
+ * library into the key store at path (null: the default store,
+ * ~/.config/korvane/registry.ini), as DllRegisterServer and
+ * DllUnregisterServer do for the default store. kv_create_registered then
+ * resolves ProgIDs through that store. */
+KV_API int kv_register_server(const char *store);
+KV_API int kv_unregister_server(const char *store);
+
 /* ---- for tests ----
  * Registers Korvane.TestObject and Korvane.TestItem, classes that exist only
  * to exercise this interface from tests. Not for applications. */

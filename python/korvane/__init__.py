@@ -38,6 +38,7 @@ __all__ = [
     "CreateObject", "CreateRegisteredObject", "WithEvents", "Missing", "Ref", "Dispatch",
     "Error", "UnknownNameError", "ArgumentCountError", "TypeMismatchError", "ObjectError",
     "live_objects", "release", "set_pump", "register_test_class",
+    "RegisterServer", "UnregisterServer",
 ]
 
 
@@ -84,6 +85,16 @@ def set_pump(fn):
         return
     _pump = PUMP(lambda ctx: fn())
     lib.kv_set_pump(_pump, None)
+
+
+def RegisterServer(store=None):
+    """Writes the registration of every class into the key store at store (default: the user's)."""
+    _check(lib.kv_register_server(store.encode() if store else None))
+
+
+def UnregisterServer(store=None):
+    """Removes what RegisterServer wrote; the store's top-level CLSID key stays."""
+    _check(lib.kv_unregister_server(store.encode() if store else None))
 
 
 def register_test_class():

@@ -108,6 +108,8 @@ _declare("kv_array_to_variant", c_int, _var, c_int, _var)
 _declare("kv_variant_array_bounds", c_int, _var, POINTER(c_int32), POINTER(c_int32))
 _declare("kv_variant_array_get", c_int, _var, c_int32, _var)
 _declare("kv_register_test_class", c_int)
+_declare("kv_register_server", c_int, c_char_p)
+_declare("kv_unregister_server", c_int, c_char_p)
 
 
 def last_error():

@@ -115,7 +115,20 @@ HRESULT DispatchInvoke(ObjectBase* self, const InterfaceInfo& iface, const char*
             b = &m->putref;
         is_put = b != nullptr;
     }
-    if (!b) return DISP_E_MEMBERNOTFOUND;
+    if (!b) {
+        // Listed in the table but not bound: its subsystem is not in this build.
+        if (!m->get && !m->put && !m->putref && !m->method) {
+            if (excep) {
+                std::memset(excep, 0, sizeof *excep);
+                excep->scode = E_NOTIMPL;
+                excep->bstrSource = Bstr::FromUtf8(source ? source : "").Detach();
+                excep->bstrDescription =
+                    Bstr::FromUtf8(std::string(m->name) + " is not available in this build").Detach();
+            }
+            return DISP_E_EXCEPTION;
+        }
+        return DISP_E_MEMBERNOTFOUND;
+    }
 
     const size_t np = m->params.size();
     const size_t total = np + (is_put ? 1 : 0);

@@ -4,6 +4,7 @@
 // class is not available.
 #include <cstdlib>
 #include <ctime>
+#include <iterator>
 #include <mutex>
 
 #include "message/collections.h"
@@ -11,6 +12,7 @@
 #include "shell/classes.h"
 #include "shell/identifiers.h"
 #include "shell/registration.h"
+#include "upload/uploader.h"
 
 namespace kv::shell {
 
@@ -39,11 +41,6 @@ const InterfaceInfo kIMailboxesPending("IMailboxes", IID_IMailboxes, {});
 const InterfaceInfo kISSLPending("ISSL", IID_ISSL, {});
 const InterfaceInfo kICertInfoPending("ICertInfo", IID_ICertInfo, {});
 const InterfaceInfo kISMIMEPending("ISMIME", IID_ISMIME, {});
-const InterfaceInfo kIFormElementPending("IFormElement", IID_IFormElement, {});
-const InterfaceInfo kIFormFilePending("IFormFile", IID_IFormFile, {});
-const InterfaceInfo kIFormElementsPending("IFormElements", IID_IFormElements, {});
-const InterfaceInfo kIFormFilesPending("IFormFiles", IID_IFormFiles, {});
-const InterfaceInfo kIUploaderPending("IUploader", IID_IUploader, {});
 const InterfaceInfo kIMailboxStatusPending("IMailboxStatus", IID_IMailboxStatus, {});
 
 // clang-format off
@@ -67,12 +64,12 @@ const ClassInfo kMailboxesClass{"CMailboxes", "Korvane.Mailboxes", "Mailboxes Cl
 const ClassInfo kSSLClass{"CSSL", "Korvane.SSL", "SSL Class", CLSID_SSL, &kISSLPending, nullptr, true, nullptr};
 const ClassInfo kCertInfoClass{"CCertInfo", "Korvane.CertInfo", "CertInfo Class", CLSID_CertInfo, &kICertInfoPending, nullptr, false, nullptr};
 const ClassInfo kSMIMEClass{"CSMIME", "Korvane.SMIME", "SMIME Class", CLSID_SMIME, &kISMIMEPending, nullptr, true, nullptr};
-const ClassInfo kFormElementClass{"CFormElement", "Korvane.FormElement", "FormElement Class", CLSID_FormElement, &kIFormElementPending, nullptr, true, nullptr};
+const ClassInfo kFormElementClass{"CFormElement", "Korvane.FormElement", "FormElement Class", CLSID_FormElement, &kIFormElement, nullptr, true, &Make<CFormElement>};
 // Scripts create the form file by this spelling, so it stays.
-const ClassInfo kFormFileClass{"CFormFile", "Korvane.FromFile", "FromFile Class", CLSID_FormFile, &kIFormFilePending, nullptr, true, nullptr};
-const ClassInfo kFormElementsClass{"CFormElements", "Korvane.FormElements", "FormElements Class", CLSID_FormElements, &kIFormElementsPending, nullptr, true, nullptr};
-const ClassInfo kFormFilesClass{"CFormFiles", "Korvane.FormFiles", "FormFiles Class", CLSID_FormFiles, &kIFormFilesPending, nullptr, true, nullptr};
-const ClassInfo kUploaderClass{"CUploader", "Korvane.Uploader", "Uploader Class", CLSID_Uploader, &kIUploaderPending, nullptr, true, nullptr};
+const ClassInfo kFormFileClass{"CFormFile", "Korvane.FromFile", "FromFile Class", CLSID_FormFile, &kIFormFile, nullptr, true, &Make<CFormFile>};
+const ClassInfo kFormElementsClass{"CFormElements", "Korvane.FormElements", "FormElements Class", CLSID_FormElements, &kIFormElements, nullptr, true, &Make<CFormElements>};
+const ClassInfo kFormFilesClass{"CFormFiles", "Korvane.FormFiles", "FormFiles Class", CLSID_FormFiles, &kIFormFiles, nullptr, true, &Make<CFormFiles>};
+const ClassInfo kUploaderClass{"CUploader", "Korvane.Uploader", "Uploader Class", CLSID_Uploader, &kIUploader, nullptr, true, &Make<CUploader>};
 const ClassInfo kMailboxStatusClass{"CMailboxStatus", "Korvane.MailboxStatus", "MailboxStatus Class", CLSID_MailboxStatus, &kIMailboxStatusPending, nullptr, true, nullptr};
 // clang-format on
 
@@ -87,6 +84,11 @@ const ClassInfo* const kCatalogue[] = {
     &kFormFileClass,          &kFormElementsClass,     &kFormFilesClass,
     &kUploaderClass,          &kMailboxStatusClass,
 };
+
+const std::vector<const ClassInfo*>& CatalogueClasses() {
+    static const std::vector<const ClassInfo*> all(std::begin(kCatalogue), std::end(kCatalogue));
+    return all;
+}
 
 void RegisterCatalogue() {
     static std::once_flag once;

@@ -3,6 +3,8 @@
 // shell/identifiers.h.
 #pragma once
 
+#include <vector>
+
 #include "automation/catalogue.h"
 
 namespace kv::shell {
@@ -45,6 +47,14 @@ extern const InterfaceInfo kIMIMEHeader;
 extern const InterfaceInfo kIMIMEHeaders;
 extern const InterfaceInfo kIBodyPart;
 extern const InterfaceInfo kIMessages;
+extern const InterfaceInfo kIUploader;
+extern const InterfaceInfo kIFormElement;
+extern const InterfaceInfo kIFormFile;
+extern const InterfaceInfo kIFormElements;
+extern const InterfaceInfo kIFormFiles;
+
+// The classes of the catalogue, in order (test classes are not among them).
+const std::vector<const ClassInfo*>& CatalogueClasses();
 
 // Registers every class of the catalogue, once; later calls do nothing.
 // Runs when the shared library loads; a program linked statically calls it.

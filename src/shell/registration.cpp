@@ -26,7 +26,7 @@ std::string Directory(const std::string& path) {
 // Dual interfaces of the implemented classes, for the Interface keys.
 void InterfaceKeys(platform::KeyStore& store, bool add) {
     std::string libid = GuidToString(LIBID_Korvane);
-    for (const ClassInfo* cls : automation::Catalogue::Instance().Classes()) {
+    for (const ClassInfo* cls : CatalogueClasses()) {
         if (!cls->iface) continue;
         std::string key = "Interface\\" + GuidToString(cls->iface->iid());
         if (!add) {
@@ -46,8 +46,7 @@ HRESULT Update(const std::string& store_path, bool add) {
     std::string library = LibraryPath();
     std::string libid = GuidToString(LIBID_Korvane);
     store.CreateKey("CLSID");  // never removed
-    for (const ClassInfo* cls : automation::Catalogue::Instance().Classes()) {
-        if (!cls->progid || std::string(cls->progid).rfind("Korvane.", 0) != 0) continue;
+    for (const ClassInfo* cls : CatalogueClasses()) {
         std::string progid = cls->progid;
         std::string versioned = progid + ".1";
         std::string clsid = GuidToString(cls->clsid);
@@ -135,4 +134,13 @@ extern "C" __attribute__((visibility("default"))) HRESULT DllRegisterServer() {
 
 extern "C" __attribute__((visibility("default"))) HRESULT DllUnregisterServer() {
     return kv::shell::UnregisterServer(kv::platform::DefaultKeyStorePath());
+}
+
+extern "C" __attribute__((visibility("default"))) int kv_register_server(const char* store) {
+    return kv::shell::RegisterServer(store && *store ? store : kv::platform::DefaultKeyStorePath());
+}
+
+extern "C" __attribute__((visibility("default"))) int kv_unregister_server(const char* store) {
+    return kv::shell::UnregisterServer(store && *store ? store
+                                                       : kv::platform::DefaultKeyStorePath());
 }
