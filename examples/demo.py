@@ -1,0 +1,47 @@
+"""A tour of what Korvane does so far, written as a user's script."""
+import os
+import sys
+import tempfile
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "python"))
+import korvane  # noqa: E402
+
+msg = korvane.CreateObject("Korvane.Message")
+msg.FromAddr = "Doe, John <john@example.org>"
+msg.ToAddr = "Jane Roe <jane@example.org>, ops@example.org"
+msg.Subject = "Quarterly report – Grüße"
+msg.BodyFormat = 1
+msg.BodyText = "<p>Hello <b>Jane</b>, the figures are attached.</p>"
+msg.AddHeader("X-Priority", "1")
+
+with tempfile.TemporaryDirectory() as tmp:
+    report = os.path.join(tmp, "report.pdf")
+    with open(report, "wb") as f:
+        f.write(b"%PDF-1.4 demo")
+    msg.AddAttachment(report)
+msg.AddMemoryAttachment(b"\x89PNG\r\n\x1a\n...", "logo.png", "", "<logo>")
+msg.AddStringAttachment("a,b\n1,2\n", True, "figures.csv")
+
+print("Korvane.Message")
+print("  From:      ", msg.FromAddr)
+print("  To:        ", msg.ToAddr)
+print("  Subject:   ", msg.Subject)
+print("  Charset:   ", msg.Charset, "| X-Mailer:", msg.XMailer)
+print("  X-Priority:", msg.GetHeader("X-Priority"))
+print("  Attachments:")
+for att in msg.Attachments:
+    kind = "inline" if att.IsInline else "attachment"
+    print("    %-12s %-26s %5d bytes  %s" % (att.Filename, att.ContentType, att.Size, kind))
+
+# The raw side is kept in step with the decoded side lazily; assigning raw
+# text and reading it back costs no rebuild.
+msg.RawBody = "From: a@example.org\r\nSubject: raw\r\n\r\nHello\r\n"
+print("  Raw header:", repr(msg.RawHeader), "| size", msg.Size)
+
+# Registration as a host of the automation runtime would see it.
+with tempfile.TemporaryDirectory() as tmp:
+    store = os.path.join(tmp, "registry.ini")
+    korvane.RegisterServer(store)
+    again = korvane.CreateRegisteredObject("Korvane.Message.1", store)
+    print("Created through the key store:", again.XMailer)
+    korvane.UnregisterServer(store)
