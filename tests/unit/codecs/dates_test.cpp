@@ -9,6 +9,8 @@
 #include <random>
 #include <string>
 
+#include <unistd.h>
+
 namespace kv {
 namespace {
 
@@ -348,6 +350,29 @@ TEST(DatesZone, LocalTimeZoneOffset) {
         EXPECT_EQ(GetLocalTimeZoneOffset(), c.withDaylight) << c.tz;
         EXPECT_EQ(GetLocalTimeZoneOffset(true), c.withoutDaylight) << c.tz;
     }
+}
+
+// The same through the system's zone files, where Dublin flags its winter
+// offset as the daylight one; skipped on a machine without them.
+TEST(DatesZone, SystemZoneFiles) {
+    const OffsetCase cases[] = {
+        {"Europe/Berlin", kJul1_2009_1000, -120, -60},
+        {"Europe/Dublin", kJul1_2009_1000, -60, 0},
+        {"Europe/Dublin", kJan5_2009_040309, 0, 0},
+        {"Asia/Kolkata", kJul1_2009_1000, -330, -330},
+    };
+    for (const OffsetCase& c : cases) {
+        if (std::string path = std::string("/usr/share/zoneinfo/") + c.tz; access(path.c_str(), R_OK) != 0)
+            GTEST_SKIP() << "no " << path;
+        ZoneScope zone(c.tz);
+        NowScope now(c.now);
+        EXPECT_EQ(GetLocalTimeZoneOffset(), c.withDaylight) << c.tz;
+        EXPECT_EQ(GetLocalTimeZoneOffset(true), c.withoutDaylight) << c.tz;
+    }
+    ZoneScope zone("Asia/Kolkata");
+    bstring text;
+    FormatDate(text, kJan5_2009_040309);
+    EXPECT_EQ(std::string(text.pData, text.nSize), "Mon, 5 Jan 2009 09:33:09 +0530");
 }
 
 TEST(DatesZone, InformationSplitsStandardAndDaylight) {
