@@ -37,10 +37,12 @@ constexpr FallbackEntry kFallback[] = {
     {{"GB18030", nullptr}, 54936, "GB18030 codepage is 54936"},
 };
 
-int32_t LookupFallback(const bstring& name) {
+int32_t LookupFallback(std::string_view name) {
+    bstring asked;
+    asked.borrow(name.data(), int32_t(name.size()));
     for (const FallbackEntry& entry : kFallback) {
         for (const char* candidate : entry.names) {
-            if (candidate && name.equals(candidate)) {
+            if (candidate && asked.equals(candidate)) {
                 Trace(entry.trace);
                 return entry.codepage;
             }
@@ -261,6 +263,7 @@ int32_t LookupCodepage(const bstring& name, const platform::CharsetDatabase& db)
     key_name = key_name.substr(0, key_name.find('\0'));
     // An empty key name opens the database's own key, which has no values.
     if (key_name.empty()) return kCodepageUnknown;
+    const std::string_view asked = key_name;
     for (int hop = 0; hop <= kMaxAliasHops; ++hop) {
         platform::CharsetKey key = db.Open(key_name);
         switch (key.kind) {
@@ -280,7 +283,7 @@ int32_t LookupCodepage(const bstring& name, const platform::CharsetDatabase& db)
                 TraceAppend(" and returned error code=");
                 TraceAppendInt(key.error);
                 Trace();
-                return LookupFallback(name);
+                return LookupFallback(asked);
             }
         }
     }
