@@ -206,14 +206,28 @@ S& SearchMetaCharset(S& text, bool remove, bool content_only, S& result) {
     S lower(text.pData, text.nSize);
     lower.to_lower();
     std::vector<S> tokens;
+    // Candidates come in order, so the nearest "<" before one and the first
+    // ">" behind it are carried forward instead of searched for again, and a
+    // tag already tokenized without a result is not tokenized again. Tags of
+    // crafted text can still overlap ("<meta charset <meta charset ..."); the
+    // budget keeps that linear.
+    int64_t budget = 4 * int64_t(lower.nSize) + 65536;
+    int32_t scanned = 0, lt = -1, gt = -1, last_lt = -1, last_gt = -1;
     int32_t pos = 0;
     for (;;) {
         int32_t at = lower.find(pos, MetaWords<U>::kCharset);
         if (at <= 0 || lower.nSize - at < 8) break;
         pos = at + 7;
-        int32_t lt = lower.rfind(U('<'), at);
-        int32_t gt = lower.find(at + 7, U('>'));
-        if (lt <= 0 || gt < 0 || !lower.equals_at(lt + 1, 4, MetaWords<U>::kMeta, 4)) continue;
+        for (; scanned < at; ++scanned)
+            if (lower.pData[scanned] == U('<')) lt = scanned;
+        if (gt < at + 7) gt = lower.find(at + 7, U('>'));
+        if (gt < 0) break;  // no later candidate has a ">" either
+        if (lt <= 0 || !lower.equals_at(lt + 1, 4, MetaWords<U>::kMeta, 4)) continue;
+        if (lt == last_lt && gt == last_gt) continue;
+        last_lt = lt;
+        last_gt = gt;
+        budget -= gt - lt;
+        if (budget < 0) break;
 
         S tag;
         tag.borrow(lower.pData + lt + 1, gt - lt - 1);

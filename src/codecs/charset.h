@@ -47,8 +47,10 @@ int32_t DetectUnicodeBom(const bstring& bytes, int32_t codepage);
 // The charset that a <meta ...> tag of html declares, in lower case, through
 // content="...; charset=x" or charset=x; result is emptied first and stays
 // empty when there is none. With remove, the tag from its "<" through its ">"
-// is cut out of html. A tag at offset 0 of the text is not recognised.
-// Returns result.
+// is cut out of html. A tag at offset 0 of the text is not recognised. Work
+// is linear in the text: crafted text whose meta tags overlap so much that
+// their total length passes four times the text's (plus 64 KiB) gives up with
+// an empty result. Returns result.
 bstring& FindMetaCharset(bstring& html, bool remove, bstring& result);
 
 // The same search on wide text, recognising only the content="..." form and

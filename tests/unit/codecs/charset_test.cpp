@@ -365,6 +365,31 @@ TEST(FindMetaCharsetTest, Table) {
     }
 }
 
+TEST(FindMetaCharsetTest, ManyCandidatesBeforeTheRealTag) {
+    std::string html = "x";
+    for (int i = 0; i < 5000; ++i) html += "<p charset><meta name=charset>";
+    html += "<meta charset=utf-8>";
+    bstring text = Bytes(html), result;
+    EXPECT_EQ(Str(FindMetaCharset(text, false, result)), "utf-8");
+}
+
+TEST(FindMetaCharsetTest, OverlappingMetaTags) {
+    // Each "<meta charset " opens a tag that runs to the one ">" at the end,
+    // and none yields a value: a search that tokenized every one of them
+    // whole would take billions of steps here.
+    std::string overlapping = "x";
+    for (int i = 0; i < 40000; ++i) overlapping += "<meta charset ";
+    overlapping += "<meta charset>";
+    bstring text = Bytes(overlapping), result("stale");
+    FindMetaCharset(text, true, result);
+    EXPECT_EQ(Str(result), "");
+    EXPECT_EQ(text.nSize, int32_t(overlapping.size()));
+    // The first tag reaches a value at its far end.
+    text = Bytes("x<meta charset <meta charset <meta charset=big5>");
+    EXPECT_EQ(Str(FindMetaCharset(text, true, result)), "big5");
+    EXPECT_EQ(Str(text), "x");
+}
+
 TEST(FindMetaCharsetTest, RemovingFromAViewLeavesTheOwnerAlone) {
     std::string owner = "ab<meta charset=utf-8>cd";
     bstring view;
