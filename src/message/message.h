@@ -164,6 +164,24 @@ public:
     HRESULT put_AutoEncodeHeaders(VARIANT_BOOL value);
     HRESULT get_AddressDelimiter(BSTR* out);
     HRESULT put_AddressDelimiter(BSTR value);
+    // HTML and plain text (message_html.cpp).
+    HRESULT MakeAltBody(VARIANT_BOOL* out);
+    HRESULT GetPlainFromHtml(BSTR html, BSTR* out);
+    HRESULT GetHtmlFromPlain(BSTR plain_text, BSTR title, VARIANT_BOOL inner_body_only, BSTR* out);
+
+    // Addresses and header words.
+    HRESULT EncodeHeaderText(BSTR name, BSTR text, BSTR charset, int32_t encoding, BSTR* out);
+    HRESULT get_PureFromAddr(BSTR* out);
+    HRESULT get_PureToAddr(BSTR* out);
+    HRESULT get_PureCCAddr(BSTR* out);
+    HRESULT get_PureReplyToAddr(BSTR* out);
+    HRESULT get_FromFriendlyName(BSTR* out);
+    HRESULT get_ToFriendlyName(BSTR* out);
+    HRESULT get_CCFriendlyName(BSTR* out);
+    HRESULT get_ReplyToFriendlyName(BSTR* out);
+    HRESULT GetPureAddr(BSTR addr, BSTR delimiter, BSTR* out);
+    HRESULT GetFriendlyName(BSTR addr, BSTR delimiter, BSTR* out);
+    HRESULT ValidateEmailAddress(BSTR address, int32_t options, BSTR dns_server, VARIANT_BOOL* out);
 
 protected:
     ~CMessage() override;
@@ -173,6 +191,8 @@ private:
     // put of FromAddr and its like: store, drop the header record and the
     // cached pure address, mark for rebuild.
     void PutAddress(wbstring& field, wbstring* pure_cache, const char* header, BSTR value);
+    // The cached Pure form of an address field, computed on first read.
+    const wbstring& PureAddress(wbstring& cache, const wbstring& field, const char* header);
     // Steps shared by the three ways of adding an attachment.
     void AddAttachmentBytes(bstring& content, const wbstring& name, const bstring& content_type,
                             const wbstring& content_id);

@@ -15,14 +15,6 @@ using automation::Method;
 using automation::Opt;
 using automation::Property;
 
-namespace {
-
-// A getter whose subsystem is not in this build.
-automation::MemberInfo PendingGet(DISPID id, const char* name, VARTYPE type) {
-    return Property(id, name, type, Binding{});
-}
-
-}  // namespace
 
 const InterfaceInfo kIMessage("IMessage", IID_IMessage, {
     Property(1, "BodyText", VT_BSTR, Bind<&CMessage::get_BodyText>(), Bind<&CMessage::put_BodyText>()),
@@ -42,22 +34,22 @@ const InterfaceInfo kIMessage("IMessage", IID_IMessage, {
     Method(14, "ImportBodyText", VT_BOOL, Binding{},
            {Arg("FilePath", VT_BSTR), Opt("HTMLImport", VT_BOOL, false), Opt("AppendMode", VT_BOOL, false),
             Opt("Charset", VT_BSTR, ""), Opt("CharsetOptions", VT_I4, 0)}),
-    Method(15, "EncodeHeaderText", VT_BSTR, Binding{},
+    Method(15, "EncodeHeaderText", VT_BSTR, Bind<&CMessage::EncodeHeaderText>(),
            {Arg("HeaderName", VT_BSTR), Arg("HeaderText", VT_BSTR), Arg("Charset", VT_BSTR),
             Arg("Encoding", VT_I4)}),
     Property(16, "GetObject", VT_I8, Bind<&CMessage::get_GetObject>()),
     Method(17, "SaveMessage", VT_BOOL, Binding{}, {Arg("FilePath", VT_BSTR)}),
-    PendingGet(18, "PureFromAddr", VT_BSTR),
-    PendingGet(19, "PureToAddr", VT_BSTR),
-    PendingGet(20, "PureCCAddr", VT_BSTR),
-    PendingGet(21, "ToFriendlyName", VT_BSTR),
-    PendingGet(22, "FromFriendlyName", VT_BSTR),
-    PendingGet(23, "CCFriendlyName", VT_BSTR),
+    Property(18, "PureFromAddr", VT_BSTR, Bind<&CMessage::get_PureFromAddr>()),
+    Property(19, "PureToAddr", VT_BSTR, Bind<&CMessage::get_PureToAddr>()),
+    Property(20, "PureCCAddr", VT_BSTR, Bind<&CMessage::get_PureCCAddr>()),
+    Property(21, "ToFriendlyName", VT_BSTR, Bind<&CMessage::get_ToFriendlyName>()),
+    Property(22, "FromFriendlyName", VT_BSTR, Bind<&CMessage::get_FromFriendlyName>()),
+    Property(23, "CCFriendlyName", VT_BSTR, Bind<&CMessage::get_CCFriendlyName>()),
     Property(24, "CCAddr", VT_BSTR, Bind<&CMessage::get_CCAddr>(), Bind<&CMessage::put_CCAddr>()),
     Property(25, "BCCAddr", VT_BSTR, Bind<&CMessage::get_BCCAddr>(), Bind<&CMessage::put_BCCAddr>()),
     Method(26, "ImportAltBodyText", VT_BOOL, Binding{},
            {Arg("FilePath", VT_BSTR), Opt("AppendMode", VT_BOOL, false), Opt("Charset", VT_BSTR, "")}),
-    Method(27, "MakeAltBody", VT_BOOL, Binding{}),
+    Method(27, "MakeAltBody", VT_BOOL, Bind<&CMessage::MakeAltBody>()),
     Property(28, "Locked", VT_BOOL, Bind<&CMessage::get_Locked>(), Bind<&CMessage::put_Locked>()),
     Property(29, "BodyEncoding", VT_I4, Bind<&CMessage::get_BodyEncoding>(), Bind<&CMessage::put_BodyEncoding>()),
     Property(30, "AltBodyEncoding", VT_I4, Bind<&CMessage::get_AltBodyEncoding>(),
@@ -74,8 +66,8 @@ const InterfaceInfo kIMessage("IMessage", IID_IMessage, {
     Property(40, "HasAttachments", VT_BOOL, Bind<&CMessage::get_HasAttachments>()),
     Property(41, "ContentType", VT_BSTR, Bind<&CMessage::get_ContentType>()),
     Property(42, "ContentTransferEncoding", VT_BSTR, Bind<&CMessage::get_ContentTransferEncoding>()),
-    Method(43, "GetPlainFromHtml", VT_BSTR, Binding{}, {Arg("Html", VT_BSTR)}),
-    Method(44, "GetHtmlFromPlain", VT_BSTR, Binding{},
+    Method(43, "GetPlainFromHtml", VT_BSTR, Bind<&CMessage::GetPlainFromHtml>(), {Arg("Html", VT_BSTR)}),
+    Method(44, "GetHtmlFromPlain", VT_BSTR, Bind<&CMessage::GetHtmlFromPlain>(),
            {Arg("PlainText", VT_BSTR), Opt("Title", VT_BSTR, ""), Opt("InnerBodyOnly", VT_BOOL, false)}),
     Method(45, "GetDateFromString", VT_DATE, Binding{},
            {Arg("DateStr", VT_BSTR), Opt("ToLocalTime", VT_BOOL, true)}),
@@ -96,15 +88,15 @@ const InterfaceInfo kIMessage("IMessage", IID_IMessage, {
     Method(55, "MessageDirectoryExists", VT_BOOL, Binding{}, {Opt("MessageDirectoryPath", VT_BSTR, "")}),
     Method(56, "ToUTF8", VT_BSTR, Binding{}, {Arg("Src", VT_BSTR), Opt("SrcCharset", VT_BSTR, "")}),
     Property(57, "XMailer", VT_BSTR, Bind<&CMessage::get_XMailer>(), Bind<&CMessage::put_XMailer>()),
-    Method(58, "ValidateEmailAddress", VT_BOOL, Binding{},
+    Method(58, "ValidateEmailAddress", VT_BOOL, Bind<&CMessage::ValidateEmailAddress>(),
            {Arg("EmailAddress", VT_BSTR), Opt("Options", VT_I4, 0), Opt("DNSServer", VT_BSTR, "")}),
     Property(59, "Codepage", VT_I4, Bind<&CMessage::get_Codepage>(), Bind<&CMessage::put_Codepage>()),
     Method(60, "GetFileAsArray", VT_VARIANT, Binding{}, {Arg("FilePath", VT_BSTR)}),
     Property(61, "AltBodyOptions", VT_I4, Bind<&CMessage::get_AltBodyOptions>(), Bind<&CMessage::put_AltBodyOptions>()),
     Property(62, "AltBodyHRefSuffix", VT_BSTR, Bind<&CMessage::get_AltBodyHRefSuffix>(),
              Bind<&CMessage::put_AltBodyHRefSuffix>()),
-    Method(63, "GetPureAddr", VT_BSTR, Binding{}, {Arg("Addr", VT_BSTR), Opt("Delimiter", VT_BSTR, "")}),
-    Method(64, "GetFriendlyName", VT_BSTR, Binding{}, {Arg("Addr", VT_BSTR), Opt("Delimiter", VT_BSTR, "")}),
+    Method(63, "GetPureAddr", VT_BSTR, Bind<&CMessage::GetPureAddr>(), {Arg("Addr", VT_BSTR), Opt("Delimiter", VT_BSTR, "")}),
+    Method(64, "GetFriendlyName", VT_BSTR, Bind<&CMessage::GetFriendlyName>(), {Arg("Addr", VT_BSTR), Opt("Delimiter", VT_BSTR, "")}),
     Property(65, "RawHeader", VT_BSTR, Bind<&CMessage::get_RawHeader>()),
     Method(66, "GetLocalTimeZoneOffset", VT_I4, Bind<&CMessage::GetLocalTimeZoneOffset>(),
            {Opt("IgnoreDaylightBias", VT_BOOL, false)}),
@@ -133,8 +125,8 @@ const InterfaceInfo kIMessage("IMessage", IID_IMessage, {
     Property(80, "IsRtlBody", VT_BOOL, Bind<&CMessage::get_IsRtlBody>()),
     Property(81, "CodepageOriginal", VT_I4, Bind<&CMessage::get_CodepageOriginal>()),
     Property(82, "CharsetOriginal", VT_BSTR, Bind<&CMessage::get_CharsetOriginal>()),
-    PendingGet(83, "PureReplyToAddr", VT_BSTR),
-    PendingGet(84, "ReplyToFriendlyName", VT_BSTR),
+    Property(83, "PureReplyToAddr", VT_BSTR, Bind<&CMessage::get_PureReplyToAddr>()),
+    Property(84, "ReplyToFriendlyName", VT_BSTR, Bind<&CMessage::get_ReplyToFriendlyName>()),
     Method(85, "RemoveCharsetFromBody", VT_BSTR, Binding{}),
     Method(86, "ImportFromMemory", VT_BOOL, Binding{}, {Arg("Data", VT_VARIANT)}),
     Property(87, "AutoEncodeHeaders", VT_BOOL, Bind<&CMessage::get_AutoEncodeHeaders>(),
