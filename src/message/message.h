@@ -183,6 +183,13 @@ public:
     HRESULT GetFriendlyName(BSTR addr, BSTR delimiter, BSTR* out);
     HRESULT ValidateEmailAddress(BSTR address, int32_t options, BSTR dns_server, VARIANT_BOOL* out);
 
+    // Charsets and dates.
+    HRESULT ToUTF8(BSTR src, BSTR src_charset, BSTR* out);
+    HRESULT ConvertCharset(BSTR src, BSTR src_charset, BSTR dest_charset, BSTR* out);
+    HRESULT RemoveCharsetFromBody(BSTR* out);
+    HRESULT GetCodepageFromCharset(BSTR charset, int32_t* out);
+    HRESULT GetDateFromString(BSTR text, VARIANT_BOOL to_local_time, double* out);
+
 protected:
     ~CMessage() override;
 
