@@ -565,11 +565,3 @@ HRESULT CMessage::AddStringAttachment(BSTR data, VARIANT_BOOL as_utf8, BSTR file
 
 }  // namespace kv
 
-namespace kv {
-
-// Composition and parsing are separate subsystems that this build does not
-// carry yet: the raw text stays as it was stored, and the trace says so.
-void CMessage::MessageToRawBody() { Trace("MessageToRawBody: composition is not in this build"); }
-void CMessage::RawBodyToMessage() { Trace("RawBodyToMessage: parsing is not in this build"); }
-
-}  // namespace kv
