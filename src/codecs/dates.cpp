@@ -186,10 +186,11 @@ int32_t GetLocalTimeZoneOffset(bool ignoreDaylightBias) {
 
 void FormatDate(bstring& dest, int64_t ticks) {
     if (ticks < 0) ticks = 0;
-    SystemTime utc, local;
-    platform::FileTimeToSystemTime(ticks, utc);
-    if (!platform::SystemTimeToTzSpecificLocalTime(utc, local)) local = utc;
-    int32_t bias = platform::GetTimeZoneInformation(ticks).CurrentBias();
+    SystemTime local;
+    int32_t bias = 0;
+    // The bias in force then: the standard bias plus any daylight bias.
+    if (!platform::FileTimeToLocalTime(ticks, local, bias))
+        platform::FileTimeToSystemTime(ticks, local);
     // Bias counts west, the header's zone east: a bias of 0 writes "+0000".
     char sign = bias < 1 ? '+' : '-';
     int32_t magnitude = bias < 0 ? -bias : bias;

@@ -93,6 +93,12 @@ bool FileTimeToSystemTime(int64_t ticks, SystemTime& time) {
 bool SystemTimeToTzSpecificLocalTime(const SystemTime& utc, SystemTime& local) {
     int64_t ticks;
     if (!SystemTimeToFileTime(utc, ticks)) return false;
+    int32_t bias;
+    return FileTimeToLocalTime(ticks, local, bias);
+}
+
+bool FileTimeToLocalTime(int64_t ticks, SystemTime& local, int32_t& bias) {
+    if (ticks < 0) return false;
     std::tm tm{};
     tzset();
     if (!LocalTm(UnixSecondsOf(ticks), tm)) return false;
@@ -107,8 +113,9 @@ bool SystemTimeToTzSpecificLocalTime(const SystemTime& utc, SystemTime& local) {
     t.minute = static_cast<uint16_t>(tm.tm_min);
     // A leap second, should the zone data carry one, reads as :59.
     t.second = static_cast<uint16_t>(tm.tm_sec > 59 ? 59 : tm.tm_sec);
-    t.milliseconds = utc.milliseconds;
+    t.milliseconds = static_cast<uint16_t>(ticks % kTicksPerSecond / 10'000);
     local = t;
+    bias = static_cast<int32_t>(-(tm.tm_gmtoff / 60));
     return true;
 }
 

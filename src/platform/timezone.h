@@ -49,6 +49,12 @@ bool FileTimeToSystemTime(int64_t ticks, SystemTime& time);
 // valid time (as for SystemTimeToFileTime) or the zone cannot express it.
 bool SystemTimeToTzSpecificLocalTime(const SystemTime& utc, SystemTime& local);
 
+// The local time of the instant ticks (>= 0) with the bias in force then
+// (minutes west of UTC, daylight time included), both from one reading of the
+// zone. False, leaving both untouched, for negative ticks or a time the zone
+// cannot express.
+bool FileTimeToLocalTime(int64_t ticks, SystemTime& local, int32_t& bias);
+
 // Fields to a DATE. The runtime's DATE carries whole seconds, so milliseconds
 // are ignored, as is dayOfWeek. False, leaving date untouched, unless year is
 // 100..9999 and the other fields are valid as for SystemTimeToFileTime.

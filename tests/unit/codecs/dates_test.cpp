@@ -349,6 +349,11 @@ TEST(DatesZone, LocalTimeZoneOffset) {
         NowScope now(c.now);
         EXPECT_EQ(GetLocalTimeZoneOffset(), c.withDaylight) << c.tz;
         EXPECT_EQ(GetLocalTimeZoneOffset(true), c.withoutDaylight) << c.tz;
+        // The writer's single reading of the zone agrees with the split one.
+        SystemTime local;
+        int32_t bias = 1;
+        ASSERT_TRUE(platform::FileTimeToLocalTime(c.now, local, bias));
+        EXPECT_EQ(bias, c.withDaylight) << c.tz;
     }
 }
 
