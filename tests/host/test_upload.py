@@ -1,4 +1,5 @@
 """Korvane.Uploader as a web script uses it: a posted body in, fields and files out."""
+import base64
 import os
 from email import policy
 from email.message import EmailMessage
@@ -59,7 +60,6 @@ def test_body_from_the_email_package(uploader):
     assert len(files) == 2
     data = files.Item("data")
     assert (data.Filename, data.ContentType) == ("bytes.bin", "application/octet-stream")
-    import base64
     assert base64.b64decode(data.ValueAsArray) == bytes(range(256))
     text = files.Item("text")
     assert text.Filename == "t.txt"
