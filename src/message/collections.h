@@ -145,10 +145,12 @@ class CBodyPart : public ObjectBase {
 public:
     static CBodyPart* New();
 
-    wbstring m_wsText;
-    bstring m_bsContentType;
-    int32_t m_nCodepage = 0;
-    bstring m_bsCharset;
+    wbstring m_bsContent;           // the decoded text
+    bstring m_bsContentTypeLine;    // the Content-Type value as it stood
+    bstring m_bsMediaType;          // trimmed, lower case, no parameters
+    bstring m_bsCharset;            // its charset parameter
+    int32_t m_nFormat = 0;          // format number of the media type
+    int32_t m_nCodepage = 0;        // the code page the text was decoded with
 
 private:
     CBodyPart();

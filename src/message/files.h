@@ -15,4 +15,13 @@ bool AppendFileToBString(const wbstring& path, bstring& destination);
 // bounds cannot be read; destination is then unchanged.
 bool BytesFromArrayVariant(const VARIANT& data, bstring& destination);
 
+// The text in codepage (negative: 0) into the file at path, replacing it
+// with overwrite, else appended. False for an empty path, a file that cannot
+// be opened, or a short write.
+bool WriteTextToFile(const wbstring& path, wbstring& text, int32_t codepage, bool overwrite);
+
+// Opens (or creates) the file at path for reading and writing and locks its
+// first 32767 bytes. The descriptor, which the caller closes, or -1.
+int OpenAndLockFile(const wbstring& path);
+
 }  // namespace kv

@@ -15,6 +15,8 @@
 
 namespace kv {
 
+struct ParseBudget;  // limits of one parse, in parse.cpp
+
 class CMessage : public ObjectBase {
 public:
     // A new message holding one reference, its creator's.
@@ -190,6 +192,34 @@ public:
     HRESULT GetCodepageFromCharset(BSTR charset, int32_t* out);
     HRESULT GetDateFromString(BSTR text, VARIANT_BOOL to_local_time, double* out);
 
+    // Message files and byte arrays (message_files.cpp).
+    HRESULT ImportBodyText(BSTR path, VARIANT_BOOL html_import, VARIANT_BOOL append_mode,
+                           BSTR charset, int32_t charset_options, VARIANT_BOOL* out);
+    HRESULT SaveMessage(BSTR path, VARIANT_BOOL* out);
+    HRESULT ImportAltBodyText(BSTR path, VARIANT_BOOL append_mode, BSTR charset,
+                              VARIANT_BOOL* out);
+    HRESULT ImportFromFile(BSTR path, VARIANT_BOOL* out);
+    HRESULT GetFileAsArray(BSTR path, VARIANT* out);
+    HRESULT ImportFromMemory(const VARIANT& data, VARIANT_BOOL* out);
+    HRESULT WriteStringToFile(BSTR filename, BSTR data, VARIANT_BOOL overwrite, int32_t codepage,
+                              VARIANT_BOOL* out);
+    // EnsureRawBody, then prefix and the raw text into a new file at path;
+    // true when the raw text was written completely.
+    bool SaveRawToFile(const wbstring& path, const bstring& prefix);
+
+    // Embedded objects and message directories (embedded.cpp).
+    HRESULT GetBodyWithEmbeddedObjectsEx(BSTR temp_dir, BSTR virtual_path, BSTR dir_name,
+                                         int32_t mode, int32_t options, IDispatch* censor,
+                                         BSTR* out);
+    HRESULT GetBodyWithEmbeddedObjects(BSTR temp_dir, BSTR dir_name, IDispatch* censor,
+                                       BSTR* out);
+    HRESULT RemoveMessageDirectory(BSTR path, VARIANT_BOOL content_only, VARIANT_BOOL* out);
+    HRESULT MessageDirectoryExists(BSTR path, VARIANT_BOOL* out);
+
+    // Digests (digest.cpp).
+    HRESULT GetMD5Digest(BSTR text, int32_t codepage, BSTR* out);
+    HRESULT GetMD5DigestOfArray(const VARIANT& data, BSTR* out);
+
 protected:
     ~CMessage() override;
 
@@ -198,6 +228,9 @@ private:
     // put of FromAddr and its like: store, drop the header record and the
     // cached pure address, mark for rebuild.
     void PutAddress(wbstring& field, wbstring* pure_cache, const char* header, BSTR value);
+    // Parsing steps (parse.cpp). budget bounds nesting and part count.
+    void DecodePart(const bstring& part, int32_t& default_codepage, ParseBudget& budget);
+    void LoadHeaderProperties();
     // The cached Pure form of an address field, computed on first read.
     const wbstring& PureAddress(wbstring& cache, const wbstring& field, const char* header);
     // Steps shared by the three ways of adding an attachment.
