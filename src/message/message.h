@@ -228,6 +228,17 @@ private:
     // put of FromAddr and its like: store, drop the header record and the
     // cached pure address, mark for rebuild.
     void PutAddress(wbstring& field, wbstring* pure_cache, const char* header, BSTR value);
+    // Composition steps.
+    int32_t ComposeHeaders();
+    void ComposeHeadersMinimal();
+    void PrepareHeader(const char* name, const wbstring& value, int32_t codepage);
+    void PrepareStandardHeaders(int32_t codepage);
+    void AppendEntityHeaders(int32_t type, int32_t encoding, int32_t level);
+    void AppendSpecialHeaders(const bstring& content_type, const bstring& extra, int32_t encoding);
+    void AppendAttachments(bool inline_ones, int32_t level, int32_t codepage);
+    void AppendAttachmentHeaders(CAttachment& attachment, int32_t codepage);
+    void AppendBoundary(int32_t level);
+    const char* EncodingText(int32_t encoding) const;
     // Parsing steps (parse.cpp). budget bounds nesting and part count.
     void DecodePart(const bstring& part, int32_t& default_codepage, ParseBudget& budget);
     void LoadHeaderProperties();

@@ -12,6 +12,7 @@
 #include "shell/classes.h"
 #include "shell/identifiers.h"
 #include "shell/registration.h"
+#include "platform/random.h"
 #include "upload/uploader.h"
 
 namespace kv::shell {
@@ -102,7 +103,7 @@ namespace {
 // What the library does when it is loaded: the catalogue becomes reachable
 // and the random generator of boundaries starts from the time.
 __attribute__((constructor)) void OnLoad() {
-    std::srand(unsigned(std::time(nullptr)));
+    platform::SRand(uint32_t(std::time(nullptr)));
     RegisterCatalogue();
     InstallStoreResolver();
 }
