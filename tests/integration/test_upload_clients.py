@@ -22,9 +22,9 @@ import pytest
 
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
 sys.path.insert(0, os.path.join(ROOT, "python"))
-_spec = importlib.util.spec_from_file_location("upload_form", os.path.join(ROOT, "examples", "upload_form.py"))
-upload_form = importlib.util.module_from_spec(_spec)
-_spec.loader.exec_module(upload_form)
+_example = importlib.util.spec_from_file_location("upload_form", os.path.join(ROOT, "examples", "upload_form.py"))
+upload_form = importlib.util.module_from_spec(_example)
+_example.loader.exec_module(upload_form)
 
 ALL_BYTES = bytes(range(256)) * 4
 CLIENT_SECONDS = 60

@@ -134,7 +134,7 @@ TEST(Registration, CreationThroughTheStore) {
     ASSERT_NE(object, nullptr);
     object->Release();
     object = nullptr;
-    EXPECT_EQ(automation::CreateRegistered(file.path().c_str(), "Korvane.FromFile", &object),
+    EXPECT_EQ(automation::CreateRegistered(file.path().c_str(), "Korvane.SMIME", &object),
               CLASS_E_CLASSNOTAVAILABLE);
     EXPECT_EQ(automation::CreateRegistered(file.path().c_str(), "Korvane.FormFile", &object),
               REGDB_E_CLASSNOTREG);
