@@ -381,7 +381,7 @@ int32_t WS2::Send(const char* data, int32_t length) {
         }
         ResetDeadline();
         if (SendDelay > 0) std::this_thread::sleep_for(std::chrono::milliseconds(SendDelay));
-        TraceNumber("WS2.Send to send bytes ", total - sent);
+        Trace("WS2.Send to send bytes");
         if (Blocking) {
             // A blocking send waits at most Timeout for room, and then
             // comes back short, which counts as a failure below.
@@ -390,7 +390,7 @@ int32_t WS2::Send(const char* data, int32_t length) {
         }
         ssize_t n = ::send(Sock, window + sent, size_t(total - sent), MSG_NOSIGNAL);
         if (n >= 0) {
-            TraceNumber("WS2.Send bytes sent ", n);
+            Trace("WS2.Send bytes sent");
             sent += int32_t(n);
             if (sent != total) {
                 if (Blocking) {

@@ -2,7 +2,9 @@
 // codes of each road, time limits, events mode with the pump, Abort.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <thread>
 
 #include "../support/fake_server.h"
@@ -265,6 +267,91 @@ TEST(WS2, RawErrorsCarryWinsockNumbers) {
         {EPIPE, 10058},      {ENOTCONN, 10057}, {EHOSTUNREACH, 10065}, {ENOSPC, 10000 + ENOSPC},
     };
     for (auto [err, code] : table) EXPECT_EQ(SocketErrorCode(err), code) << err;
+}
+
+}  // namespace
+
+namespace {
+
+// A toy record channel standing in for TLS: a record is one length byte and
+// that many bytes XOR 0x20, at most 16 bytes of plaintext per record.
+class ToyChannel : public CryptChannel {
+public:
+    char* IoBuffer() override { return io_; }
+    int32_t IoBufferSize() override { return int32_t(sizeof io_); }
+    int32_t EncryptData(const char* data, int32_t length, int32_t* record_size) override {
+        int32_t n = std::min(length, 16);
+        io_[0] = char(n);
+        for (int32_t i = 0; i < n; ++i) io_[1 + i] = char(data[i] ^ 0x20);
+        *record_size = n + 1;
+        return n;
+    }
+    void SetReceived(int32_t count) override { count_ = count; }
+    int32_t DecryptData(const char** plain, int32_t* plain_length) override {
+        if (count_ < 1 || count_ < 1 + uint8_t(io_[0])) return 1;
+        int32_t n = uint8_t(io_[0]);
+        plain_.assign(io_ + 1, size_t(n));
+        for (char& c : plain_) c ^= 0x20;
+        *plain = plain_.data();
+        *plain_length = n;
+        return 0;
+    }
+    const char* LastPlain(int32_t* plain_length) override {
+        *plain_length = int32_t(plain_.size());
+        return plain_.data();
+    }
+    bool MoveExtraData() override {
+        int32_t used = count_ >= 1 ? 1 + uint8_t(io_[0]) : 0;
+        if (used > count_) return false;
+        std::memmove(io_, io_ + used, size_t(count_ - used));
+        count_ -= used;
+        return count_ > 0;
+    }
+    int32_t KeptBytes() override { return count_; }
+    int32_t Close() override { return 0; }
+    int32_t Renegotiate() override { return 0; }
+
+private:
+    char io_[256];
+    int32_t count_ = 0;
+    std::string plain_;
+};
+
+std::string Records(const std::string& text) {
+    std::string out;
+    for (size_t at = 0; at < text.size(); at += 16) {
+        std::string piece = text.substr(at, 16);
+        out.push_back(char(piece.size()));
+        for (char c : piece) out.push_back(char(c ^ 0x20));
+    }
+    return out;
+}
+
+TEST(WS2, ActiveChannelEncryptsAndDecryptsBehindPlainBytes) {
+    const std::string request = "A001 LOGIN alice secret-password\r\n";  // three records
+    const std::string reply = "* OK one\r\n* OK two\r\nA001 OK done\r\n";
+    // The reply's records arrive in one piece and then one byte at a time.
+    std::string wire = Records(reply);
+    FakeServer server({Hear(Records(request)), Say(wire.substr(0, 20)), Pause(50), Say(wire.substr(20), 1)});
+    ToyChannel channel;
+    WS2 ws;
+    ws.Crypt = &channel;
+    ASSERT_EQ(ws.Connect(server.host(), server.port()), 0);
+    ws.CryptActive = 1;
+    ASSERT_EQ(ws.Send(request.data(), int32_t(request.size())), 0);
+    std::string got;
+    int32_t leftover = 0;
+    for (int i = 0; i < 200 && got.size() < reply.size(); ++i) {
+        char buf[8];  // smaller than a record: the leftover road
+        int32_t received = 0;
+        ASSERT_EQ(ws.Get(buf, sizeof buf, received, leftover), 0) << ws.LastError;
+        got.append(buf, size_t(received));
+    }
+    EXPECT_EQ(got, reply);
+    EXPECT_EQ(leftover, 0);
+    ws.Disconnect();
+    server.Wait();
+    EXPECT_TRUE(server.Problems().empty()) << server.Problems()[0];
 }
 
 }  // namespace
