@@ -201,6 +201,7 @@ int32_t WS2::Connect(const char* host, int32_t port) {
     }
     CryptExtraPending = 0;
     ReadPending = 0;
+    HostName = host ? host : "";
     char port_text[16];
     std::snprintf(port_text, sizeof port_text, "%d", port);
     int family = AF_INET;

@@ -78,6 +78,9 @@ public:
     int32_t Blocking = 1;
     int64_t Deadline = 0;  // seconds since the epoch
     int32_t ReadPending = 0;
+    // The host name of the last Connect, as given: the TLS channel sends it
+    // as the server name indication.
+    std::string HostName;
 
     // 0 started; -1 / -2 cannot happen on POSIX (kept for the contract).
     int32_t Startup();
