@@ -303,6 +303,30 @@ ConvertResult Utf8ToWide(const uint8_t* s, size_t n, char16_t* d, size_t cap, bo
             ++i;
             continue;
         }
+        // Well-formed two- and three-byte sequences, the bulk of real text,
+        // go straight through; everything else takes the careful road below.
+        if (b >= 0xC2 && b < 0xE0 && n - i > 1 && (s[i + 1] & 0xC0) == 0x80) {
+            if (kFill) {
+                if (o == cap) return Err(kErrorInsufficientBuffer);
+                d[o] = static_cast<char16_t>(((b & 0x1F) << 6) | (s[i + 1] & 0x3F));
+            }
+            ++o;
+            i += 2;
+            continue;
+        }
+        if ((b & 0xF0) == 0xE0 && n - i > 2 && (s[i + 1] & 0xC0) == 0x80 &&
+            (s[i + 2] & 0xC0) == 0x80) {
+            uint32_t u = ((b & 0x0Fu) << 12) | ((s[i + 1] & 0x3Fu) << 6) | (s[i + 2] & 0x3Fu);
+            if (u >= 0x800 && (u < 0xD800 || u > 0xDFFF)) {
+                if (kFill) {
+                    if (o == cap) return Err(kErrorInsufficientBuffer);
+                    d[o] = static_cast<char16_t>(u);
+                }
+                ++o;
+                i += 3;
+                continue;
+            }
+        }
         int need;
         uint32_t cp;
         uint8_t lo = 0x80, hi = 0xBF;
@@ -362,11 +386,43 @@ ConvertResult Utf8ToWide(const uint8_t* s, size_t n, char16_t* d, size_t cap, bo
     return static_cast<ConvertResult>(o);
 }
 
+#if defined(__SSE2__)
+// Measures whole blocks of 8 units that hold no surrogate: each unit gives 1,
+// 2 or 3 bytes. Returns the units consumed; stops before a block with a
+// surrogate, which the careful road handles.
+inline size_t CountUtf8Blocks(const char16_t* s, size_t n, size_t& bytes) {
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i ff80 = _mm_set1_epi16(static_cast<short>(0xFF80));
+    const __m128i f800 = _mm_set1_epi16(static_cast<short>(0xF800));
+    const __m128i d800 = _mm_set1_epi16(static_cast<short>(0xD800));
+    size_t i = 0;
+    while (n - i >= 8) {
+        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i));
+        __m128i top = _mm_and_si128(v, f800);
+        if (_mm_movemask_epi8(_mm_cmpeq_epi16(top, d800))) break;
+        unsigned ascii = static_cast<unsigned>(
+            _mm_movemask_epi8(_mm_cmpeq_epi16(_mm_and_si128(v, ff80), zero)));
+        unsigned narrow = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi16(top, zero)));
+        // Each mask has two bits per unit.
+        bytes += 8 + (8 - static_cast<size_t>(__builtin_popcount(ascii)) / 2) +
+                 (8 - static_cast<size_t>(__builtin_popcount(narrow)) / 2);
+        i += 8;
+    }
+    return i;
+}
+#endif
+
 template <bool kFill>
 ConvertResult WideToUtf8(const char16_t* s, size_t n, uint8_t* d, size_t cap, bool strict) {
     if (!kFill) d = nullptr;
     size_t i = 0, o = 0;
     while (i < n) {
+#if defined(__SSE2__)
+        if (!kFill) {
+            i += CountUtf8Blocks(s + i, n - i, o);
+            if (i == n) break;
+        }
+#endif
         size_t run = NarrowAsciiRun(s + i, n - i, kFill ? d + o : nullptr, kFill ? cap - o : 0);
         i += run;
         o += run;
