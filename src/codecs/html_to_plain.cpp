@@ -59,6 +59,17 @@ inline bool IsLowerLetter(char16_t c) { return c >= u'a' && c <= u'z'; }
 inline bool IsDigit(char16_t c) { return c >= u'0' && c <= u'9'; }
 inline bool IsTagNameChar(char16_t c) { return IsLowerLetter(c) || IsDigit(c); }
 
+// The lower-cased copy is only ever compared with ASCII (names, "<head",
+// "--", ">") or compared ignoring case, and the text itself is copied from the
+// source. So it lowers ASCII letters and the two characters whose lower case
+// is ASCII (U+0130 and the Kelvin sign), and leaves the rest as they are.
+inline char16_t LowerForMatching(char16_t c) {
+    if (c < 0x80) return (c >= u'A' && c <= u'Z') ? char16_t(c + 32) : c;
+    if (c == u'\u0130') return u'i';
+    if (c == u'\u212A') return u'k';
+    return c;
+}
+
 // Byte value to character in one code page, as a one-byte mbtowc in that
 // code page's locale would give it. Built on first use: most texts hold no
 // entity at all.
@@ -156,14 +167,22 @@ public:
           options_(options),
           suffix_(suffix),
           bytes_(codepage) {
-        lc_.assign(source.pData, n_);
-        lc_.to_lower();
+        lc_.reserve(n_);
+        for (int32_t i = 0; i < n_; ++i) lc_.pData[i] = LowerForMatching(source.pData[i]);
+        lc_.nSize = n_;
         lc_data_ = lc_.pData;
     }
 
     // False for the early exit of a head without its end.
     bool FindStart() {
-        const int32_t head = lc_.find(u"<head");
+        int32_t head = -1;
+        for (int32_t i = 0; i + 5 <= n_; ++i) {
+            if (lc_data_[i] == u'<' && lc_data_[i + 1] == u'h' && lc_data_[i + 2] == u'e' &&
+                lc_data_[i + 3] == u'a' && lc_data_[i + 4] == u'd') {
+                head = i;
+                break;
+            }
+        }
         if (head < 0) return true;
         const int32_t head_end = lc_.find(head + 5, u"</head");
         const int32_t close = head_end >= 0 ? lc_.find(head_end + 6, u'>') : lc_.find(head + 5, u'>');
@@ -206,6 +225,7 @@ public:
                     EndTag();
                 } else {
                     ++read_;
+                    while (read_ < n_ && lc_data_[read_] != u'>') ++read_;
                 }
                 continue;
             } else if (maybe_comment_ && c == u'-' && read_ + 1 < n_ && lc_data_[read_ + 1] == u'-') {
@@ -285,7 +305,27 @@ private:
         read_ = close + 1;
     }
 
+    // Whether the tag's first token can be "a", "/a" or "img": the token
+    // begins right behind the "<" and ends at white space, "=" or the ">".
+    // Most tags are none of these and need no tokens at all.
+    bool MayBeLinkOrImage(int32_t close) const {
+        const char16_t* p = lc_data_ + tag_def_start_ + 1;
+        const int32_t length = close - tag_def_start_ - 1;
+        int32_t name = 0;
+        if (length >= 1 && p[0] == u'a') {
+            name = 1;
+        } else if (length >= 2 && p[0] == u'/' && p[1] == u'a') {
+            name = 2;
+        } else if (length >= 3 && p[0] == u'i' && p[1] == u'm' && p[2] == u'g') {
+            name = 3;
+        } else {
+            return false;
+        }
+        return name == length || IsWhite(p[name]) || p[name] == u'=';
+    }
+
     void ReadAttributes(int32_t close) {
+        if (!MayBeLinkOrImage(close)) return;
         tag_text_.assign(src_ + tag_def_start_ + 1, close - tag_def_start_ - 1);
         TokenizeTagAttributes(tag_text_, tokens_);
         if (tokens_.empty()) return;
@@ -342,8 +382,21 @@ private:
             anchor_closing_ = false;
         }
         if (at_end) return;
-        if (in_tag_ || saw_lt_) {
+        // From here on the steps above stay idle until the next tag ends:
+        // each of them disarms itself when it writes.
+        if (saw_lt_) {
             ++read_;
+            return;
+        }
+        if (in_tag_) {
+            // Nothing inside a tag matters but its ">" and, while it may
+            // still become a comment, a "-".
+            ++read_;
+            if (maybe_comment_) {
+                while (read_ < n_ && lc_data_[read_] != u'>' && lc_data_[read_] != u'-') ++read_;
+            } else {
+                while (read_ < n_ && lc_data_[read_] != u'>') ++read_;
+            }
             return;
         }
 
@@ -352,8 +405,16 @@ private:
             int32_t run_end = read_;
             while (run_end < n_ && IsWhite(lc_data_[run_end])) ++run_end;
             if (run_end == read_) {
+                // A run of plain text: every character of it would do the
+                // same, so it is passed over at once.
                 MarkText();
                 ++read_;
+                const bool amp_is_text = (options_ & kAltBodyHtmlLinks) != 0;
+                while (read_ < n_) {
+                    const char16_t t = lc_data_[read_];
+                    if (t == u'<' || IsWhite(t) || (t == u'&' && !amp_is_text)) break;
+                    ++read_;
+                }
                 return;
             }
             if (text_seen_) space_pending_ = true;

@@ -165,6 +165,8 @@ TEST(HtmlToPlainTest, BrokenHtmlKeepsItsText) {
         {"a<1b>c", "a<1b>c"},
         {"<B>bold</B> <I>it</I>", "bold it"},
         {"a<p\nclass=x>b", "a\r\n\r\nb"},
+        {"a<\u212a>b", "ab"},                           // the Kelvin sign lowers to "k"
+        {"a<\u00c9>b", "a<\u00c9>b"},                     // no ASCII letter
     }, 1);
 }
 
