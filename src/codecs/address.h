@@ -4,7 +4,8 @@
 // gives an empty entry.
 //
 //   list  = item *(("," / ";") item)
-//   item  = [phrase] "<" addr-spec ">" [comment] / addr-spec [comment]
+//   item  = [phrase] "<" local-part "@" domain ">" [comment]
+//         / local-part "@" domain [comment]
 #pragma once
 
 #include <vector>
