@@ -192,21 +192,21 @@ TEST_F(UploaderTest, HeaderLinesOfMegabytes_AreKeptWhole) {
 // walk that searched afresh for every part would not.
 TEST_F(UploaderTest, ManyPartsBorrowingFarMarks_GiveTheModelsAnswer) {
     std::string body = "--B\r\n";
-    for (int i = 0; i < 200000; ++i) body += "--B\r\n";
+    for (int i = 0; i < 50000; ++i) body += "--B\r\n";
     body += "\r\n\r\nname=\"" + std::string(1 << 20, 'x');
     Parsed got = Parse(body);
     ASSERT_EQ(got.elements.size(), 1u);
     EXPECT_EQ(got.elements[0].first.size(), size_t(1 << 20));
-    EXPECT_EQ(got.elements[0].second, std::string(200000 - 1, ','));
+    EXPECT_EQ(got.elements[0].second, std::string(50000 - 1, ','));
 
     // Every part a file whose type line runs on to the end of the body: the
     // types share the body's bytes instead of each holding a copy.
     std::string files = "--B\r\n";
-    for (int i = 0; i < 50000; ++i) files += "--BXXname=\"" + std::to_string(i) + "\" filename=\"f\" Content-Type: ";
+    for (int i = 0; i < 20000; ++i) files += "--BXXname=\"" + std::to_string(i) + "\" filename=\"f\" Content-Type: ";
     files += "\r\n\r\n--B";
     CUploader* up = CUploader::New();
     ASSERT_TRUE(up->ParseBody(bstring(files.data(), int32_t(files.size()))));
-    ASSERT_EQ(up->m_pFormFiles->m_map.size(), 50000u);
+    ASSERT_EQ(up->m_pFormFiles->m_map.size(), 20000u);
     VARIANT zero = automation::MakeBstr("0");
     IDispatch* item = nullptr;
     ASSERT_EQ(up->m_pFormFiles->get_Item(zero, &item), S_OK);
