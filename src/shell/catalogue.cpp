@@ -12,6 +12,7 @@
 #include "shell/classes.h"
 #include "shell/identifiers.h"
 #include "shell/registration.h"
+#include "transport/ssl.h"
 #include "platform/random.h"
 #include "upload/uploader.h"
 
@@ -39,8 +40,6 @@ const InterfaceInfo kIBodyPartStructurePending("IBodyPartStructure", IID_IBodyPa
 const InterfaceInfo kIBodyPartStructuresPending("IBodyPartStructures", IID_IBodyPartStructures, {});
 const InterfaceInfo kIMailboxPending("IMailbox", IID_IMailbox, {});
 const InterfaceInfo kIMailboxesPending("IMailboxes", IID_IMailboxes, {});
-const InterfaceInfo kISSLPending("ISSL", IID_ISSL, {});
-const InterfaceInfo kICertInfoPending("ICertInfo", IID_ICertInfo, {});
 const InterfaceInfo kISMIMEPending("ISMIME", IID_ISMIME, {});
 const InterfaceInfo kIMailboxStatusPending("IMailboxStatus", IID_IMailboxStatus, {});
 
@@ -62,8 +61,8 @@ const ClassInfo kBodyPartStructureClass{"CBodyPartStructure", "Korvane.BodyPartS
 const ClassInfo kBodyPartStructuresClass{"CBodyPartStructures", "Korvane.BodyPartStructures", "BodyPartStructures Class", CLSID_BodyPartStructures, &kIBodyPartStructuresPending, nullptr, false, nullptr};
 const ClassInfo kMailboxClass{"CMailbox", "Korvane.Mailbox", "Mailbox Class", CLSID_Mailbox, &kIMailboxPending, nullptr, false, nullptr};
 const ClassInfo kMailboxesClass{"CMailboxes", "Korvane.Mailboxes", "Mailboxes Class", CLSID_Mailboxes, &kIMailboxesPending, nullptr, false, nullptr};
-const ClassInfo kSSLClass{"CSSL", "Korvane.SSL", "SSL Class", CLSID_SSL, &kISSLPending, nullptr, true, nullptr};
-const ClassInfo kCertInfoClass{"CCertInfo", "Korvane.CertInfo", "CertInfo Class", CLSID_CertInfo, &kICertInfoPending, nullptr, false, nullptr};
+const ClassInfo kSSLClass{"CSSL", "Korvane.SSL", "SSL Class", CLSID_SSL, &kISSL, nullptr, true, &Make<CSSL>};
+const ClassInfo kCertInfoClass{"CCertInfo", "Korvane.CertInfo", "CertInfo Class", CLSID_CertInfo, &kICertInfo, nullptr, false, &Make<CCertInfo>};
 const ClassInfo kSMIMEClass{"CSMIME", "Korvane.SMIME", "SMIME Class", CLSID_SMIME, &kISMIMEPending, nullptr, true, nullptr};
 const ClassInfo kFormElementClass{"CFormElement", "Korvane.FormElement", "FormElement Class", CLSID_FormElement, &kIFormElement, nullptr, true, &Make<CFormElement>};
 // Scripts create the form file by this spelling, so it stays.

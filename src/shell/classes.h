@@ -52,6 +52,8 @@ extern const InterfaceInfo kIFormElement;
 extern const InterfaceInfo kIFormFile;
 extern const InterfaceInfo kIFormElements;
 extern const InterfaceInfo kIFormFiles;
+extern const InterfaceInfo kISSL;
+extern const InterfaceInfo kICertInfo;
 
 // The classes of the catalogue, in order (test classes are not among them).
 const std::vector<const ClassInfo*>& CatalogueClasses();
