@@ -184,6 +184,8 @@ public:
     HRESULT GetPureAddr(BSTR addr, BSTR delimiter, BSTR* out);
     HRESULT GetFriendlyName(BSTR addr, BSTR delimiter, BSTR* out);
     HRESULT ValidateEmailAddress(BSTR address, int32_t options, BSTR dns_server, VARIANT_BOOL* out);
+    HRESULT EscapeIdnDomain(BSTR address, BSTR* out);
+    HRESULT UnescapeIdnDomain(BSTR address, BSTR* out);
 
     // Charsets and dates.
     HRESULT ToUTF8(BSTR src, BSTR src_charset, BSTR* out);

@@ -2,6 +2,7 @@
 // words.
 #include "codecs/address.h"
 #include "codecs/charset.h"
+#include "codecs/idn.h"
 #include "codecs/mimeword.h"
 #include "message/message.h"
 
@@ -121,6 +122,20 @@ HRESULT CMessage::ValidateEmailAddress(BSTR address_text, int32_t options, BSTR 
     address.assign_bstr(address_text);
     dns_server.assign_bstr(dns_server_text);
     *out = kv::ValidateEmailAddress(address, options, dns_server) ? VARIANT_TRUE : VARIANT_FALSE;
+    return S_OK;
+}
+
+HRESULT CMessage::EscapeIdnDomain(BSTR address, BSTR* out) {
+    wbstring text;
+    text.assign_bstr(address);
+    *out = kv::EscapeIdnDomain(text).to_bstr();
+    return S_OK;
+}
+
+HRESULT CMessage::UnescapeIdnDomain(BSTR address, BSTR* out) {
+    wbstring text;
+    text.assign_bstr(address);
+    *out = kv::UnescapeIdnDomain(text).to_bstr();
     return S_OK;
 }
 

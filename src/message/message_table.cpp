@@ -137,8 +137,8 @@ const InterfaceInfo kIMessage("IMessage", IID_IMessage, {
             Opt("Codepage", VT_I4, 0)}),
     Property(90, "AddressDelimiter", VT_BSTR, Bind<&CMessage::get_AddressDelimiter>(),
              Bind<&CMessage::put_AddressDelimiter>()),
-    Method(91, "EscapeIdnDomain", VT_BSTR, Binding{}, {Arg("EmailAddress", VT_BSTR)}),
-    Method(92, "UnescapeIdnDomain", VT_BSTR, Binding{}, {Arg("EmailAddress", VT_BSTR)}),
+    Method(91, "EscapeIdnDomain", VT_BSTR, Bind<&CMessage::EscapeIdnDomain>(), {Arg("EmailAddress", VT_BSTR)}),
+    Method(92, "UnescapeIdnDomain", VT_BSTR, Bind<&CMessage::UnescapeIdnDomain>(), {Arg("EmailAddress", VT_BSTR)}),
 });
 
 }  // namespace kv::shell

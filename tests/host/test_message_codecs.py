@@ -133,3 +133,13 @@ def test_get_date_from_string(msg):
     assert utc == datetime.datetime(2009, 1, 5, 4, 3, 9)
     # A text without any date reads as 1 January 1900, 00:00 UTC.
     assert msg.GetDateFromString("not a date", False) == datetime.datetime(1900, 1, 1)
+
+
+@pytest.mark.parametrize("unicode_form, ascii_form", [
+    ("user@bücher.example", "user@xn--bcher-kva.example"),
+    ("mail@日本語.jp", "mail@xn--wgv71a119e.jp"),
+    ("plain@example.org", "plain@example.org"),
+])
+def test_idn_domains(msg, unicode_form, ascii_form):
+    assert msg.EscapeIdnDomain(unicode_form) == ascii_form
+    assert msg.UnescapeIdnDomain(ascii_form) == unicode_form
