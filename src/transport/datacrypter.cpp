@@ -104,6 +104,21 @@ int32_t CDataCrypter::DecryptData(const char** plain, int32_t* plain_length) {
     plain_length_ = 0;
     ExtraPending = 0;
     if (!Context || !IoBuf) return last_result_ = -1;
+    if (!HeldPlain.empty()) {
+        given_held_.swap(HeldPlain);
+        HeldPlain.clear();
+        // The ciphertext in the buffer, if any, waits as the extra bytes.
+        ExtraPending = IoCount > 0;
+        ExtraType = ExtraPending ? 5 : 0;
+        ExtraPointer = IoBuf;
+        ExtraCount = IoCount;
+        plain_ = given_held_.data();
+        plain_length_ = int32_t(given_held_.size());
+        *plain = plain_;
+        *plain_length = plain_length_;
+        plain_given_ = true;
+        return last_result_ = 0;
+    }
     for (;;) {
         ExtraCount = 0;
         ExtraType = 0;

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "transport/ws2.h"
 
@@ -77,7 +78,12 @@ protected:
     // answer) go to the server as they stand.
     virtual void SendEngineOutput() {}
 
+    // Application data that arrived while a renegotiation ran; the next
+    // DecryptData gives it out first, as if it were one record.
+    std::string HeldPlain;
+
 private:
+    std::string given_held_;
     const char* plain_ = nullptr;
     int32_t plain_length_ = 0;
     bool plain_given_ = false;  // data went out since this read began

@@ -17,6 +17,8 @@ namespace {
 
 // The working buffer of one handshake.
 constexpr int32_t kHandshakeBuffer = 0x10000;
+// Data a server may send in the middle of a renegotiation.
+constexpr size_t kMaxHeldPlain = 1 << 20;
 
 void TraceStatus(const char* text, int64_t status) {
     TraceBegin();
@@ -204,8 +206,24 @@ int32_t CSSLCrypt::ClientHandshakeLoop(ssl_ctx_st* /*credential*/, ssl_st* conte
             break;
         }
         ERR_clear_error();
-        int r = SSL_do_handshake(context);
-        int err = r == 1 ? SSL_ERROR_NONE : SSL_get_error(context, r);
+        int r, err;
+        if (renegotiating_) {
+            // The server may send data up to the new handshake's end; it is
+            // held for the reader.
+            size_t got = 0;
+            while ((r = SSL_read_ex(context, buffer.get(), size_t(kHandshakeBuffer), &got)) == 1)
+                HeldPlain.append(buffer.get(), got);
+            err = SSL_get_error(context, r);
+            if (HeldPlain.size() > kMaxHeldPlain) {
+                Trace("**** Too much data during renegotiation");
+                status = kSecEIllegalMessage;
+                break;
+            }
+            if (err == SSL_ERROR_WANT_READ && !SSL_in_init(context)) r = 1;
+        } else {
+            r = SSL_do_handshake(context);
+            err = r == 1 ? SSL_ERROR_NONE : SSL_get_error(context, r);
+        }
         unsigned long error = ERR_peek_last_error();
         // Sent even when the handshake failed: an alert still reaches the server.
         if (FlushEngine() < 0) {
@@ -254,17 +272,20 @@ int32_t CSSLCrypt::Renegotiate() {
         return 8;
     }
     std::vector<char> extra;
+    renegotiating_ = true;
     int32_t status = ClientHandshakeLoop(Credential, Context, BIO_ctrl_pending(NetIn) == 0, extra);
+    renegotiating_ = false;
     if (status) {
         Trace("**** Failed Client Handshake Loop.");
+        HeldPlain.clear();
         return status;
     }
     if (!extra.empty() && int32_t(extra.size()) < IoBufSize) {
         std::memcpy(IoBuf, extra.data(), extra.size());
         IoCount = int32_t(extra.size());
-        // The records already here are decrypted before the socket is read.
-        Socket->CryptExtraPending = 1;
     }
+    // Data already here is given out before the socket is read again.
+    if (IoCount > 0 || !HeldPlain.empty()) Socket->CryptExtraPending = 1;
     return 0;
 }
 

@@ -64,6 +64,8 @@ private:
     int32_t PerformHandshake(std::vector<char>& extra);
     // What the engine wrote, sent as it stands: 0 or the socket's result.
     int32_t FlushEngine();
+
+    bool renegotiating_ = false;
 };
 
 // The status of a failed handshake step, as a provider status.

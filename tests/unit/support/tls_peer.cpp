@@ -119,7 +119,8 @@ TlsServer::TlsServer(const std::string& cert, const std::string& args, const std
     // A port found free can be taken before the server binds it: try again.
     for (int attempt = 0; attempt < 4; ++attempt) {
         port_ = FreePort();
-        std::string command = "exec openssl s_server -accept 127.0.0.1:" + std::to_string(port_) + " -cert " + dir +
+        // Unbuffered, so that what the server prints is there at once.
+        std::string command = "exec stdbuf -o0 openssl s_server -accept 127.0.0.1:" + std::to_string(port_) + " -cert " + dir +
                               "/" + cert + ".pem -key " + dir + "/" + cert + ".key " + args;
         if (Start(command, cwd.empty() ? work_.path() : cwd)) {
             problem_.clear();

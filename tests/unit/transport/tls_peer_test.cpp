@@ -299,7 +299,11 @@ TEST_F(TlsPeer, CloseSendsCloseNotifyAndClearsVerify) {
     EXPECT_EQ(client.ws.CryptActive, 0);
     EXPECT_EQ(client.ssl->Crypt.VerifyServerCert, 0);
     EXPECT_EQ(client.ssl->Crypt.CredentialValid, 0);
+    // DONE is the server's word for a close notify; a bare end of the
+    // connection reads "unexpected eof" instead.
     EXPECT_TRUE(server.WaitOutput("shutting down SSL", 5000)) << server.Output();
+    EXPECT_NE(server.Output().find("DONE"), std::string::npos);
+    EXPECT_EQ(server.Output().find("unexpected eof"), std::string::npos);
 }
 
 TEST_F(TlsPeer, ServerNameIndicationCarriesTheHostName) {
