@@ -171,7 +171,8 @@ TEST(Ntlm, NegotiateMessageAsksForNtlmAndUnicode) {
 
 TEST(Ntlm, ParsesTheDocumentedV2Challenge) {
     NtlmChallenge c;
-    ASSERT_TRUE(Parse(Bytes(kChallengeV2), c));
+    auto raw = Bytes(kChallengeV2);  // the views point into it
+    ASSERT_TRUE(Parse(raw, c));
     EXPECT_EQ(c.Flags, 0xe28a8233u);
     EXPECT_EQ(Hex(c.ServerChallenge, 8), "0123456789abcdef");
     EXPECT_EQ(Hex(c.TargetName), "530065007200760065007200");  // "Server"
@@ -229,7 +230,8 @@ TEST(Ntlm, ServerTimeIsUsedAndLmV2IsLeftOut) {
                       std::string(kChallengeV2).substr(96, 40) + info;
     ASSERT_EQ(info.size(), 0x30u * 2);
     NtlmChallenge c;
-    ASSERT_TRUE(Parse(Bytes(hex), c));
+    auto raw = Bytes(hex);
+    ASSERT_TRUE(Parse(raw, c));
     ASSERT_TRUE(c.HasTimestamp);
     bstring msg;
     ASSERT_TRUE(BuildNtlmAuthenticate(c, DocumentCredentials(), msg));
@@ -302,7 +304,8 @@ TEST(Ntlm, EveryTruncationParsesOrFailsCleanly) {
 
 TEST(Ntlm, FieldsThatOutgrowSixteenBitsFail) {
     NtlmChallenge c;
-    ASSERT_TRUE(Parse(Bytes(kChallengeV2), c));
+    auto raw = Bytes(kChallengeV2);
+    ASSERT_TRUE(Parse(raw, c));
     NtlmCredentials cred = DocumentCredentials();
     cred.User.assign(std::string(40000, 'u').c_str());
     bstring msg;
