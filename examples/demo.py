@@ -45,3 +45,31 @@ with tempfile.TemporaryDirectory() as tmp:
     again = korvane.CreateRegisteredObject("Korvane.Message.1", store)
     print("Created through the key store:", again.XMailer)
     korvane.UnregisterServer(store)
+
+
+# ---- Parsing a real message -------------------------------------------------
+# A message from the test corpus, as a mail client would receive it: parse it
+# and show its structure, its bodies and its attachments.
+sample = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "data", "messages",
+                      "mimekit", "simple-multipart.eml")
+with open(sample, "rb") as f:
+    raw = f.read().replace(b"\r\n", b"\n").replace(b"\n", b"\r\n")
+parsed = korvane.CreateObject("Korvane.Message")
+parsed.ImportFromMemory(raw)
+print()
+print("Parsed", os.path.basename(sample), "(%d bytes)" % len(raw))
+print("  Subject:     ", parsed.Subject)
+print("  From:        ", parsed.FromAddr)
+print("  Content-Type:", " ".join(parsed.ContentType.split()))
+print("  BodyFormat:  ", parsed.BodyFormat, "| Charset:", parsed.Charset,
+      "| HasAttachments:", parsed.HasAttachments)
+print("  BodyText:    ", repr(parsed.BodyText[:70]) + "...")
+print("  AltBodyText: ", repr(" ".join(parsed.AltBodyText.split())[:70]) + "...")
+for att in parsed.Attachments:
+    print("  Attachment:   %-14s %-24s %3d bytes  inline=%s: %r" % (
+        att.Filename, att.ContentType, att.Size, att.IsInline, att.Content))
+with tempfile.TemporaryDirectory() as tmp:
+    html = parsed.GetBodyWithEmbeddedObjectsEx(tmp, "", "demo")
+    print("  Message directory:", sorted(os.listdir(os.path.join(tmp, "demo")))
+          if os.path.isdir(os.path.join(tmp, "demo")) else "none (a plain body needs none)")
+print("  MD5 of the raw text:", parsed.GetMD5DigestOfArray(raw))

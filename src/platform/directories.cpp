@@ -53,6 +53,8 @@ bool RemoveEntries(int dir_fd) {
 
 PathKind GetPathKind(const wbstring& path) {
     std::string name = PathFromWide(path);
+    // "dir/" must not hide a file named "dir".
+    while (name.size() > 1 && name.back() == '/') name.pop_back();
     struct stat st;
     if (name.empty() || lstat(name.c_str(), &st) != 0) return PathKind::kNone;
     return S_ISDIR(st.st_mode) ? PathKind::kDirectory : PathKind::kFile;
