@@ -226,8 +226,12 @@ MXRecord* ParseMX(const uint8_t* answer, int32_t length, int32_t& resolved) {
                 std::string exchange;
                 ExpandName(answer, length, int32_t(std::min<int64_t>(rdata + 2, length)), exchange);
                 if (mx_left > 0) {
-                    records[index].Preference = preference;
-                    CopyField(records[index].Name, exchange);
+                    // A records met before this MX may have moved index to
+                    // the end already: such an exchanger finds no slot.
+                    if (index < ancount) {
+                        records[index].Preference = preference;
+                        CopyField(records[index].Name, exchange);
+                    }
                     ++index;
                     if (--mx_left == 0) index = 0;  // the A records fill the addresses in order
                 }

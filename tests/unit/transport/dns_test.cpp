@@ -190,6 +190,13 @@ TEST(ParseMX, HostileAnswersStayInside) {
     label_past.insert(label_past.end(), {0xC0, 0x0C, 0, 15, 0, 1, 0, 0, 0, 0, 0, 40, 0, 1, 63, 'a'});
     EXPECT_EQ(std::get<1>(Parse(label_past).records.at(0)), "a");
 
+    // A records ahead of the MX records move the slot index past the end
+    // before the exchangers come.
+    p = Parse(Answer("e.test", 2, 0, 2).A(127, 0, 0, 1).A(127, 0, 0, 2).MX(1, "a.e.test").MX(2, "b.e.test").bytes);
+    ASSERT_EQ(p.records.size(), 2u);
+    EXPECT_EQ(std::get<2>(p.records[0]), "127.0.0.1");
+    EXPECT_EQ(std::get<2>(p.records[1]), "127.0.0.2");
+
     EXPECT_TRUE(Parse(Bytes{0x11, 0xDF, 0x81}).null);
     EXPECT_TRUE(Parse(Bytes{}).null);
 
