@@ -1,6 +1,11 @@
 #include "codecs/address.h"
 
+#include <string>
+#include <vector>
+
 #include "foundation/trace.h"
+#include "platform/dns_servers.h"
+#include "transport/dns.h"
 
 namespace kv {
 
@@ -211,10 +216,76 @@ bool ValidateEmailAddress(const bstring& address, int32_t options, const bstring
     Trace();
     Trace(host.pData, host.nSize);
     Trace("ValidateEmailAddress to create socket");
-    // The DNS client is not part of this build: the socket layer cannot start.
-    (void)dns_server;
-    Trace("ValidateEmailAddress socket startup failure");
-    return false;
+    // The socket layer needs no start-up here.
+    bool result = false;
+    if (syntax == 1) {
+        std::string primary, secondary;
+        if (dns_server.nSize > 0) {
+            primary.assign(dns_server.pData, size_t(dns_server.nSize));
+            secondary = primary;
+            TraceBegin();
+            TraceAppend("ValidateEmailAddress DNS was specified:");
+            Trace();
+            Trace(primary.data(), int32_t(primary.size()));
+        } else {
+            Trace("ValidateEmailAddress to locate DNS server");
+            std::vector<std::string> servers = platform::DnsServers();
+            Trace("Got NetworkParams");
+            if (!servers.empty()) {
+                primary = servers[0];
+                TraceBegin();
+                TraceAppend("DNS1:");
+                Trace();
+                Trace(primary.data(), int32_t(primary.size()));
+            } else {
+                Trace("Error: Primary DNS server not available");
+            }
+            if (servers.size() > 1) {
+                secondary = servers[1];
+                TraceBegin();
+                TraceAppend("DNS2:");
+                Trace();
+                Trace(secondary.data(), int32_t(secondary.size()));
+            }
+            if (primary.empty() && secondary.empty()) {
+                Trace("No DNS servers available");
+                return false;
+            }
+            if (primary.empty()) primary = secondary;
+            if (secondary.empty()) secondary = primary;
+        }
+        Trace("ValidateEmailAddress DNS servers found, go with MX");
+        host.null_terminate();
+        std::string name(host.pData, size_t(host.nSize));
+        int32_t resolved = 0;
+        MXRecord* records = LookupMX(name.c_str(), primary.c_str(), secondary.c_str(),
+                                     (options & 2) != 0, false, 3, resolved);
+        Trace("ValidateEmailAddress MX search done");
+        if (records) {
+            Trace("ValidateEmailAddress MX found");
+            ReleaseMX(records);
+            result = true;
+        }
+    } else {
+        // An address literal: the host must have a name.
+        std::string literal(host.pData, size_t(host.nSize));
+        if (literal.size() >= 2 && literal.front() == '[' && literal.back() == ']')
+            literal = literal.substr(1, literal.size() - 2);
+        Trace("ValidateEmailAddress IP");
+        std::string name;
+        bool readable = false;
+        bool found = ReverseLookupIPv4(literal.c_str(), name, &readable);
+        if (readable) {
+            Trace("ValidateEmailAddress IP none passed");
+            Trace("ValidateEmailAddress IP to name passed");
+            if (found) {
+                Trace("ValidateEmailAddress IP to name succeeded");
+                result = true;
+            }
+        }
+    }
+    Trace("ValidateEmailAddress finished");
+    return result;
 }
 
 }  // namespace kv

@@ -306,4 +306,18 @@ MXRecord* LookupMX(const char* name, const char* server1, const char* server2, b
 
 void ReleaseMX(MXRecord* records) { delete[] records; }
 
+bool ReverseLookupIPv4(const char* dotted, std::string& name, bool* readable) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    bool ok = dotted && inet_pton(AF_INET, dotted, &address.sin_addr) == 1;
+    if (readable) *readable = ok;
+    if (!ok) return false;
+    char host[NI_MAXHOST];
+    if (getnameinfo(reinterpret_cast<sockaddr*>(&address), sizeof address, host, sizeof host,
+                    nullptr, 0, NI_NAMEREQD) != 0)
+        return false;
+    name = host;
+    return true;
+}
+
 }  // namespace kv

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 namespace kv {
 
@@ -52,5 +53,9 @@ MXRecord* LookupMX(const char* name, const char* server1, const char* server2, b
                    bool singleAttempt, int32_t timeoutSeconds, int32_t& resolved, int32_t port = 53);
 
 void ReleaseMX(MXRecord* records);
+
+// The host name of a dotted IPv4 address through the resolver; false when
+// the text is no IPv4 address (*readable false then) or no name is known.
+bool ReverseLookupIPv4(const char* dotted, std::string& name, bool* readable);
 
 }  // namespace kv

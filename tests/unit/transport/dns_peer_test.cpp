@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "codecs/address.h"
 #include "transport/dns.h"
 
 using namespace kv;
@@ -144,3 +145,27 @@ TEST_F(DnsPeer, SilentFirstServerThenTheSecond) {
 }
 
 }  // namespace
+
+// The MX level of address validation, asking this dnsmasq.
+TEST_F(DnsPeer, ValidateEmailAddressAsksForExchangers) {
+    kv::bstring server(address_.c_str());
+    struct Case {
+        const char* address;
+        int32_t options;
+        bool valid;
+    } cases[] = {
+        {"user@example.test", 1, true},
+        {"user@nosuch.example.test", 1, false},
+        {"user@mail.example.test", 1, false},  // a host without MX records
+        {"user@localhost", 1, false},
+        {"user@localhost", 3, true},  // a host with an address may stand for itself
+        {"user@nosuch.example.test", 0, true},  // syntax only
+        {"bad@@example.test", 1, false},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(kv::ValidateEmailAddress(kv::bstring(c.address), c.options, server), c.valid)
+            << c.address << " options " << c.options;
+    // An address literal is valid when its address has a name.
+    EXPECT_TRUE(kv::ValidateEmailAddress(kv::bstring("a@[127.0.0.1]"), 1, server));
+    EXPECT_FALSE(kv::ValidateEmailAddress(kv::bstring("a@[999.1.1.1]"), 1, server));
+}
