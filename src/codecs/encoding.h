@@ -111,7 +111,6 @@ bstring& WrapBodyLines(bstring& dest, const char* src, int32_t len, bool append)
 // code page means 0), then encodes them by `encoding`: 2 quoted-printable,
 // 3 base64 with line breaks, any other value WrapBodyLines. src is not
 // const because export_bstring keeps its reservation of the wide side.
-bstring& EncodeBody(bstring& dest, wbstring& src, int32_t encoding, bool append,
-                    int32_t codepage);
+bstring& EncodeBody(bstring& dest, wbstring& src, int32_t encoding, bool append, int32_t codepage);
 
 }  // namespace kv
