@@ -183,7 +183,7 @@ def test_clone_is_stale_and_unparsed(msg):
 
 def test_pending_members_say_so(msg):
     with pytest.raises(korvane.Error) as info:
-        msg.GetMD5Digest("x")
+        msg.DecodeMstnef()
     assert "not available" in str(info.value)
 
 

@@ -34,7 +34,7 @@ struct Client {
     WS2 ws;
     CSSL* ssl = CSSL::New();
     Client() {
-        ws.Timeout = 5;
+        ws.Timeout = 30;  // generous: a loaded machine may stall the peer for seconds
         ws.Crypt = &ssl->Crypt;
     }
     ~Client() {
