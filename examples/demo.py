@@ -33,6 +33,13 @@ for att in msg.Attachments:
     kind = "inline" if att.IsInline else "attachment"
     print("    %-12s %-26s %5d bytes  %s" % (att.Filename, att.ContentType, att.Size, kind))
 
+# Reading the raw side composes the message once, here as multipart/mixed
+# with a related part for the inline image.
+raw = msg.RawBody
+print("  Composed:   %d bytes; its head:" % msg.Size)
+for line in raw.split("\r\n\r\n")[0].split("\r\n"):
+    print("    " + line)
+
 # The raw side is kept in step with the decoded side lazily; assigning raw
 # text and reading it back costs no rebuild.
 msg.RawBody = "From: a@example.org\r\nSubject: raw\r\n\r\nHello\r\n"
