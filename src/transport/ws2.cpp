@@ -200,6 +200,7 @@ int32_t WS2::Connect(const char* host, int32_t port) {
         return -2;
     }
     CryptExtraPending = 0;
+    CryptClosePending = 0;
     ReadPending = 0;
     HostName = host ? host : "";
     char port_text[16];
@@ -470,6 +471,12 @@ int32_t WS2::Get(char* buffer, int32_t size, int32_t& received, int32_t& cryptLe
         LastError = 0;
         return 0;
     }
+    if (crypt && CryptClosePending) {
+        CryptClosePending = 0;
+        Trace("Zero bytes read!");
+        LastError = 6;
+        return -3;
+    }
     char* target = crypt ? Crypt->IoBuffer() : buffer;
     const int32_t target_size = crypt ? Crypt->IoBufferSize() : size;
     int32_t got = 0;
@@ -590,6 +597,7 @@ int32_t WS2::Get(char* buffer, int32_t size, int32_t& received, int32_t& cryptLe
             got = Crypt->KeptBytes();
             if (closed) break;
         } else {  // 0, or -2 which counts as 0
+            if (status == -2 && received > 0) CryptClosePending = 1;
             if (received == 0 && cryptLeftover > 0) {
                 Trace("Bytes read == 0.");
                 CopyLeftover(buffer, size, received, cryptLeftover);

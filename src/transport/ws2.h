@@ -74,6 +74,9 @@ public:
     CryptChannel* Crypt = nullptr;  // not owned
     int32_t CryptActive = 0;
     int32_t CryptExtraPending = 0;
+    // The peer's close notification came behind data that a Get returned:
+    // the next Get reports the close instead of waiting on the socket.
+    int32_t CryptClosePending = 0;
     int32_t SendDelay = 0;  // milliseconds slept ahead of each send
     int32_t Blocking = 1;
     int64_t Deadline = 0;  // seconds since the epoch
