@@ -30,6 +30,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     int len = static_cast<int>(size - 1);
 
     int need = MultiByteToWideChar(cp, 0, src, len, nullptr, 0);
+    // Shift and escape sequences of the stateful pages can make no character
+    // at all; every other page gives at least one unit per input.
+    bool stateful = cp == 50220 || cp == 50221 || cp == 50222 || cp == 50225 || cp == 65000;
+    if (need == 0 && stateful) return 0;
     Check(need > 0);
     std::vector<char16_t> wide(need);
     Check(MultiByteToWideChar(cp, 0, src, len, wide.data(), need) == need);
