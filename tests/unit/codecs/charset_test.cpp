@@ -1,3 +1,4 @@
+#include "../support/trace_capture.h"
 #include "codecs/charset.h"
 
 #include <gtest/gtest.h>
@@ -34,33 +35,7 @@ std::vector<std::string> Strs(const bstring_vector& v) {
 }
 
 // Points the trace at a private directory and reads back the text of each line.
-class CharsetTraceTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/kvcharsetXXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        dir_ = pattern;
-        chmod(dir_.c_str(), 0700);
-        TraceSetDirectoryForTesting(dir_.c_str());
-    }
-    void TearDown() override {
-        TraceSetDirectoryForTesting(nullptr);
-        fs::remove_all(dir_);
-    }
-    std::vector<std::string> Lines() {
-        std::ifstream in(dir_ + "/korvane_debug.txt", std::ios::binary);
-        std::vector<std::string> out;
-        std::string line;
-        while (std::getline(in, line)) {
-            if (!line.empty() && line.back() == '\r') line.pop_back();
-            size_t tab = line.find('\t');
-            out.push_back(tab == std::string::npos ? line : line.substr(tab + 1));
-        }
-        fs::remove(dir_ + "/korvane_debug.txt");
-        return out;
-    }
-    std::string dir_;
-};
+class CharsetTraceTest : public kv::testing::TraceCapture {};
 
 // ---- LookupCodepage ----------------------------------------------------------
 

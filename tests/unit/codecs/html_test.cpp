@@ -1,6 +1,7 @@
 // HTML to plain text and back: tables of HTML in and text out for each
 // option bit, entities, lists, tables, links, scripts and broken HTML, and
 // real-world HTML mail with reviewed expected text under tests/data/html/.
+#include "../support/trace_capture.h"
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -343,33 +344,7 @@ TEST(HtmlToPlainTest, NulAndSurrogatesPassThrough) {
 
 // ---- the trace ------------------------------------------------------------------
 
-class HtmlTraceTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/kvhtmlXXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        dir_ = pattern;
-        chmod(dir_.c_str(), 0700);
-        TraceSetDirectoryForTesting(dir_.c_str());
-    }
-    void TearDown() override {
-        TraceSetDirectoryForTesting(nullptr);
-        fs::remove_all(dir_);
-    }
-    std::vector<std::string> Lines() {
-        std::ifstream in(dir_ + "/korvane_debug.txt", std::ios::binary);
-        std::vector<std::string> out;
-        std::string line;
-        while (std::getline(in, line)) {
-            if (!line.empty() && line.back() == '\r') line.pop_back();
-            size_t tab = line.find('\t');
-            out.push_back(tab == std::string::npos ? line : line.substr(tab + 1));
-        }
-        fs::remove(dir_ + "/korvane_debug.txt");
-        return out;
-    }
-    std::string dir_;
-};
+class HtmlTraceTest : public kv::testing::TraceCapture {};
 
 TEST_F(HtmlTraceTest, ReservationIsFourThirdsOfTheTextBehindTheHead) {
     EXPECT_EQ(Plain("<head></head>" + std::string(30, 'x')), std::string(30, 'x'));
