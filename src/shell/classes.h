@@ -54,6 +54,8 @@ extern const InterfaceInfo kIFormElements;
 extern const InterfaceInfo kIFormFiles;
 extern const InterfaceInfo kISSL;
 extern const InterfaceInfo kICertInfo;
+extern const InterfaceInfo kIPOP3;
+extern const InterfaceInfo kIPOP3Events;
 
 // The classes of the catalogue, in order (test classes are not among them).
 const std::vector<const ClassInfo*>& CatalogueClasses();

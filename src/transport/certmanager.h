@@ -19,24 +19,13 @@
 #include <string>
 
 #include "foundation/bstring.h"
+#include "transport/sec_status.h"
 
 struct x509_st;
 struct ssl_ctx_st;
 struct stack_st_X509;
 
 namespace kv {
-
-// Provider statuses.
-inline constexpr int32_t kSecEInsufficientMemory = int32_t(0x80090300u);
-inline constexpr int32_t kSecEUnsupportedFunction = int32_t(0x80090302u);
-inline constexpr int32_t kSecEInternalError = int32_t(0x80090304u);
-inline constexpr int32_t kSecEUnknownCredentials = int32_t(0x8009030Du);
-inline constexpr int32_t kSecENoCredentials = int32_t(0x8009030Eu);
-inline constexpr int32_t kSecEContextExpired = int32_t(0x80090317u);
-inline constexpr int32_t kSecEIncompleteMessage = int32_t(0x80090318u);
-inline constexpr int32_t kSecEIllegalMessage = int32_t(0x80090326u);
-inline constexpr int32_t kSecEAlgorithmMismatch = int32_t(0x80090331u);
-inline constexpr int32_t kSecIContinueNeeded = 0x90312;
 
 // Protocol mask bits (client and server bit of each version).
 inline constexpr int32_t kProtocolPct1 = 0x3;

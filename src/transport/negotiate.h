@@ -15,25 +15,9 @@
 #include <cstdint>
 
 #include "foundation/bstring.h"
+#include "transport/sec_status.h"
 
 namespace kv {
-
-constexpr int32_t kSecEOk = 0;
-constexpr int32_t kSecIContinueNeeded = 0x00090312;
-constexpr int32_t kSecICompleteNeeded = 0x00090313;
-constexpr int32_t kSecICompleteAndContinue = 0x00090314;
-constexpr int32_t kSecEInsufficientMemory = int32_t(0x80090300u);
-constexpr int32_t kSecEInvalidHandle = int32_t(0x80090301u);
-constexpr int32_t kSecEUnsupportedFunction = int32_t(0x80090302u);
-constexpr int32_t kSecETargetUnknown = int32_t(0x80090303u);
-constexpr int32_t kSecEInternalError = int32_t(0x80090304u);
-constexpr int32_t kSecEInvalidToken = int32_t(0x80090308u);
-constexpr int32_t kSecELogonDenied = int32_t(0x8009030Cu);
-constexpr int32_t kSecENoCredentials = int32_t(0x8009030Eu);
-constexpr int32_t kSecEMessageAltered = int32_t(0x8009030Fu);
-constexpr int32_t kSecEOutOfSequence = int32_t(0x80090310u);
-constexpr int32_t kSecENoAuthenticatingAuthority = int32_t(0x80090311u);
-constexpr int32_t kSecEBufferTooSmall = int32_t(0x80090321u);
 
 // The requirements asked of the provider: mutual authentication,
 // confidentiality, a connection, integrity.
