@@ -319,7 +319,9 @@ int32_t WS2::Disconnect() {
     Connected = 0;
     int32_t result = 0;
     Trace("WS2.Disconnect to shutdown socket");
-    if (::shutdown(Sock, SHUT_WR) != 0) {
+    // A peer that has closed already (it answered QUIT and went, or reset
+    // the close notification) leaves nothing to shut down: that is a close.
+    if (::shutdown(Sock, SHUT_WR) != 0 && errno != ENOTCONN && errno != ECONNRESET && errno != EPIPE) {
         LastError = 8;
         result = -3;
     }

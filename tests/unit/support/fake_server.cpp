@@ -37,6 +37,7 @@ std::string Printable(const std::string& s) {
 
 Step Say(std::string bytes, int piece, int gap_ms) { return {Step::Kind::Say, std::move(bytes), piece, gap_ms}; }
 Step Hear(std::string bytes) { return {Step::Kind::Hear, std::move(bytes), 0, 0}; }
+Step HearLine() { return {Step::Kind::HearLine, {}, 0, 0}; }
 Step Pause(int ms) { return {Step::Kind::Pause, {}, 0, ms}; }
 Step Close() { return {Step::Kind::Close, {}, 0, 0}; }
 Step Reset() { return {Step::Kind::Reset, {}, 0, 0}; }
@@ -111,6 +112,13 @@ bool FakeServer::ReadExactly(int fd, size_t n, std::string& into, int limit_ms) 
     return into.size() >= want;
 }
 
+bool FakeServer::ReadLine(int fd, std::string& into, int limit_ms) {
+    while (into.size() < 2 || into.compare(into.size() - 2, 2, "\r\n") != 0) {
+        if (into.size() > (1u << 20) || !ReadExactly(fd, 1, into, limit_ms)) return false;
+    }
+    return true;
+}
+
 void FakeServer::Run() {
     int fd = -1;
     auto start = Clock::now();
@@ -157,6 +165,14 @@ void FakeServer::Run() {
                 if (!ReadExactly(fd, s.bytes.size(), heard, kHearLimitMs) || heard != s.bytes) {
                     Note("step " + std::to_string(i) + ": expected \"" + Printable(s.bytes) + "\", heard \"" +
                          Printable(heard) + "\"");
+                    open = false;
+                }
+                break;
+            }
+            case Step::Kind::HearLine: {
+                std::string heard;
+                if (!ReadLine(fd, heard, kHearLimitMs)) {
+                    Note("step " + std::to_string(i) + ": no line, heard \"" + Printable(heard) + "\"");
                     open = false;
                 }
                 break;

@@ -20,7 +20,7 @@
 namespace kv::testing {
 
 struct Step {
-    enum class Kind { Say, Hear, Pause, Close, Reset, Hang } kind;
+    enum class Kind { Say, Hear, HearLine, Pause, Close, Reset, Hang } kind;
     std::string bytes;  // Say: what to send; Hear: what the client must send next
     int piece = 0;      // Say: bytes per write (0: all at once)
     int gap_ms = 0;     // Say: pause between pieces; Pause: its length
@@ -28,6 +28,8 @@ struct Step {
 
 Step Say(std::string bytes, int piece = 0, int gap_ms = 0);
 Step Hear(std::string bytes);
+// Any one line up to its CRLF (a token the client makes afresh each time).
+Step HearLine();
 Step Pause(int ms);
 Step Close();  // an orderly close (FIN)
 Step Reset();  // an abortive close (RST)
@@ -59,6 +61,7 @@ public:
 private:
     void Run();
     bool ReadExactly(int fd, size_t n, std::string& into, int limit_ms);
+    bool ReadLine(int fd, std::string& into, int limit_ms);
     void Note(std::string problem);
 
     std::vector<Step> steps_;
