@@ -284,11 +284,19 @@ ConvertResult WideToTable(const SingleByteTable* table, const char16_t* s, size_
 //   UTF8-4 = %xF0 %x90-BF 2UTF8-tail / %xF1-F3 3UTF8-tail / %xF4 %x80-8F 2UTF8-tail
 // Anything else yields one U+FFFD per maximal subpart: the longest prefix of
 // a well-formed sequence, or a single byte that cannot start one.
+//
+// Two roads. The careful one below goes a character at a time and decides
+// every case. The window road (under SSE2) takes 64 bytes at once when all
+// of them are well-formed and hands anything else to the careful road, so
+// the careful road alone says what ill-formed input becomes.
+
+// The careful road from i up to at least stop (or the end), always stopping
+// between characters. Returns 0, or the error to report.
 template <bool kFill>
-ConvertResult Utf8ToWide(const uint8_t* s, size_t n, char16_t* d, size_t cap, bool strict) {
-    if (!kFill) d = nullptr;
-    size_t i = 0, o = 0;
-    while (i < n) {
+ConvertResult Utf8ToWideCareful(const uint8_t* s, size_t n, size_t& i_io, size_t stop, char16_t* d,
+                                size_t cap, size_t& o_io, bool strict) {
+    size_t i = i_io, o = o_io;
+    while (i < stop) {
         size_t run = WidenAsciiRun(s + i, n - i, kFill ? d + o : nullptr, kFill ? cap - o : 0);
         i += run;
         o += run;
@@ -303,8 +311,7 @@ ConvertResult Utf8ToWide(const uint8_t* s, size_t n, char16_t* d, size_t cap, bo
             ++i;
             continue;
         }
-        // Well-formed two- and three-byte sequences, the bulk of real text,
-        // go straight through; everything else takes the careful road below.
+        // Well-formed two- and three-byte sequences go straight through.
         if (b >= 0xC2 && b < 0xE0 && n - i > 1 && (s[i + 1] & 0xC0) == 0x80) {
             if (kFill) {
                 if (o == cap) return Err(kErrorInsufficientBuffer);
@@ -383,46 +390,168 @@ ConvertResult Utf8ToWide(const uint8_t* s, size_t n, char16_t* d, size_t cap, bo
             ++o;
         }
     }
-    return static_cast<ConvertResult>(o);
+    i_io = i;
+    o_io = o;
+    return 0;
 }
 
 #if defined(__SSE2__)
-// Measures whole blocks of 8 units that hold no surrogate: each unit gives 1,
-// 2 or 3 bytes. Returns the units consumed; stops before a block with a
-// surrogate, which the careful road handles.
-inline size_t CountUtf8Blocks(const char16_t* s, size_t n, size_t& bytes) {
-    const __m128i zero = _mm_setzero_si128();
-    const __m128i ff80 = _mm_set1_epi16(static_cast<short>(0xFF80));
-    const __m128i f800 = _mm_set1_epi16(static_cast<short>(0xF800));
-    const __m128i d800 = _mm_set1_epi16(static_cast<short>(0xD800));
-    size_t i = 0;
-    while (n - i >= 8) {
-        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i));
-        __m128i top = _mm_and_si128(v, f800);
-        if (_mm_movemask_epi8(_mm_cmpeq_epi16(top, d800))) break;
-        unsigned ascii = static_cast<unsigned>(
-            _mm_movemask_epi8(_mm_cmpeq_epi16(_mm_and_si128(v, ff80), zero)));
-        unsigned narrow = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi16(top, zero)));
-        // Each mask has two bits per unit.
-        bytes += 8 + (8 - static_cast<size_t>(__builtin_popcount(ascii)) / 2) +
-                 (8 - static_cast<size_t>(__builtin_popcount(narrow)) / 2);
-        i += 8;
+constexpr auto MakeLeadLengths() {
+    struct Lengths {
+        uint8_t of[256];
+    } t{};
+    for (int b = 0; b < 256; ++b) {
+        t.of[b] = b < 0x80 ? 1 : b < 0xC2 ? 0 : b < 0xE0 ? 2 : b < 0xF0 ? 3 : b < 0xF5 ? 4 : 0;
     }
-    return i;
+    return t;
+}
+// Sequence length by first byte; 0 for a byte that cannot start one.
+constexpr auto kLeadLength = MakeLeadLengths();
+
+// Decodes the len-byte sequence at s (four bytes readable) with no branch on
+// the bytes. False unless it is well-formed; len 0 is never well-formed.
+[[gnu::always_inline]] inline bool DecodeSequence(const uint8_t* s, uint32_t len, uint32_t& cp) {
+    static constexpr uint32_t kTailMask[5] = {0, 0, 0x00C00000, 0x00C0C000, 0x00C0C0C0};
+    static constexpr uint32_t kTailBits[5] = {1, 0, 0x00800000, 0x00808000, 0x00808080};
+    static constexpr uint32_t kLeadBits[5] = {0, 0x7F, 0x1F, 0x0F, 0x07};
+    static constexpr uint32_t kLeast[5] = {0, 0, 0x80, 0x800, 0x10000};
+    uint32_t w;
+    std::memcpy(&w, s, 4);
+    w = __builtin_bswap32(w);  // first byte on top
+    uint32_t tails = ((w >> 4) & 0x3F000) | ((w >> 2) & 0xFC0) | (w & 0x3F);
+    cp = ((((w >> 24) & kLeadBits[len]) << 18) | tails) >> (6 * (4 - len));
+    // The least value per length rules out overlong forms (C0, C1, E0 80-9F,
+    // F0 80-8F); the other two bounds rule out ED A0-BF and F4 90-BF and up.
+    return static_cast<int>((w & kTailMask[len]) == kTailBits[len]) & static_cast<int>(cp >= kLeast[len]) &
+           static_cast<int>(cp <= 0x10FFFF) & static_cast<int>(cp - 0xD800 >= 0x800);
+}
+
+[[gnu::always_inline]] inline void StoreWidened(char16_t* d, __m128i v) {
+    const __m128i zero = _mm_setzero_si128();
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm_unpacklo_epi8(v, zero));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 8), _mm_unpackhi_epi8(v, zero));
+}
+
+// Set bits; without POPCNT in the baseline the builtin would be a call.
+[[gnu::always_inline]] inline size_t Popcount(uint32_t x) {
+#if defined(__POPCNT__)
+    return static_cast<size_t>(__builtin_popcount(x));
+#else
+    x = x - ((x >> 1) & 0x55555555u);
+    x = (x & 0x33333333u) + ((x >> 2) & 0x33333333u);
+    return static_cast<size_t>((((x + (x >> 4)) & 0x0F0F0F0Fu) * 0x01010101u) >> 24);
+#endif
+}
+
+// Sum of the 16 bytes of v.
+[[gnu::always_inline]] inline size_t SumBytes(__m128i v) {
+    __m128i sums = _mm_sad_epu8(v, _mm_setzero_si128());
+    return static_cast<size_t>(_mm_cvtsi128_si32(sums) + _mm_cvtsi128_si32(_mm_srli_si128(sums, 8)));
+}
+
+// The window road for 64 bytes at s, which starts a character; 96 bytes are
+// readable. Returns the bytes taken (a character cut by the end of the window
+// is left for the next) and their units in `units`, or 0 when anything in
+// the window is ill-formed. With d (room for 96 units), the units are written
+// there, and garbage up to 32 units past them for the next window to cover.
+//
+// Every sixteen bytes are first written widened where they would go if they
+// were all ASCII; then each multibyte character, in order, writes itself and
+// the widened sixteen bytes after it. Whatever a write gets wrong lies past a
+// later multibyte character, which rewrites it.
+template <bool kFill>
+[[gnu::always_inline]] inline size_t Utf8Window(const uint8_t* s, char16_t* d, size_t& units) {
+    static constexpr uint64_t kTailsOf[5] = {0, 0, 1, 3, 7};
+    __m128i v[4], tail_v[4], four_v[4];
+    uint64_t high = 0, tail = 0;
+    for (int k = 0; k < 4; ++k) {
+        v[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 16 * k));
+        tail_v[k] = _mm_cmplt_epi8(v[k], _mm_set1_epi8(static_cast<char>(0xC0)));
+        four_v[k] = _mm_cmpgt_epi8(v[k], _mm_set1_epi8(static_cast<char>(0xEF)));
+        auto bits = [&](__m128i m) {
+            return static_cast<uint64_t>(static_cast<uint32_t>(_mm_movemask_epi8(m))) << (16 * k);
+        };
+        high |= bits(v[k]);
+        tail |= bits(tail_v[k]);
+    }
+    if (high == 0) {
+        if (kFill) {
+            for (int k = 0; k < 4; ++k) StoreWidened(d + 16 * k, v[k]);
+        }
+        units = 64;
+        return 64;
+    }
+    uint64_t leads = high & ~tail;
+    if (leads == 0) return 0;
+    size_t last = 63 - static_cast<size_t>(__builtin_clzll(leads));
+    size_t taken = last + kLeadLength.of[s[last]] > 64 ? last : 64;
+    uint64_t in = taken == 64 ? ~0ull : (1ull << taken) - 1;
+    if (kFill) {
+        // Units per byte: none for a tail, two for a four-byte lead (the
+        // compare for those also took ASCII), else one.
+        size_t at = 0;
+        for (int k = 0; k < 4; ++k) {
+            StoreWidened(d + at, v[k]);
+            __m128i four = _mm_and_si128(four_v[k], _mm_cmplt_epi8(v[k], _mm_setzero_si128()));
+            at += SumBytes(_mm_add_epi8(_mm_sub_epi8(_mm_set1_epi8(1), four), tail_v[k]));
+        }
+    }
+    // Each lead adds its tails to `tails` and `claimed`; the units before a
+    // lead are its offset less the tails before it plus the pairs before it.
+    // Leaving at the first ill-formed sequence keeps the characters taken so
+    // far apart, so the positions stay inside the window.
+    size_t tails = 0, pairs = 0;
+    uint64_t claimed = 0;
+    for (uint64_t m = leads & in; m; m &= m - 1) {
+        size_t q = static_cast<size_t>(__builtin_ctzll(m));
+        uint32_t len = kLeadLength.of[s[q]];
+        uint32_t cp;
+        if (!DecodeSequence(s + q, len, cp)) return 0;
+        claimed |= kTailsOf[len] << q << 1;
+        bool pair = len == 4;
+        if (kFill) {
+            size_t p = q - tails + pairs;
+            d[p] = static_cast<char16_t>(pair ? 0xD7C0 + (cp >> 10) : cp);
+            d[p + 1] = static_cast<char16_t>(0xDC00 | (cp & 0x3FF));
+            StoreWidened(d + p + 1 + pair, _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + q + len)));
+        }
+        tails += len - 1;
+        pairs += pair;
+    }
+    // Every tail must belong to a lead.
+    if (claimed != (tail & in)) return 0;
+    units = taken - tails + pairs;
+    return taken;
 }
 #endif
 
 template <bool kFill>
-ConvertResult WideToUtf8(const char16_t* s, size_t n, uint8_t* d, size_t cap, bool strict) {
+ConvertResult Utf8ToWide(const uint8_t* s, size_t n, char16_t* d, size_t cap, bool strict) {
     if (!kFill) d = nullptr;
     size_t i = 0, o = 0;
-    while (i < n) {
 #if defined(__SSE2__)
-        if (!kFill) {
-            i += CountUtf8Blocks(s + i, n - i, o);
-            if (i == n) break;
+    while (n - i >= 96 && (!kFill || cap - o >= 96)) {
+        size_t units;
+        size_t taken = Utf8Window<kFill>(s + i, kFill ? d + o : nullptr, units);
+        if (taken) {
+            i += taken;
+            o += units;
+            continue;
         }
+        if (ConvertResult r = Utf8ToWideCareful<kFill>(s, n, i, i + 64, d, cap, o, strict)) return r;
+    }
 #endif
+    if (ConvertResult r = Utf8ToWideCareful<kFill>(s, n, i, n, d, cap, o, strict)) return r;
+    return static_cast<ConvertResult>(o);
+}
+
+// The careful road for UTF-16 to UTF-8, from i up to at least stop (or the
+// end), stopping between characters. Returns 0, or the error to report.
+template <bool kFill>
+ConvertResult WideToUtf8Careful(const char16_t* s, size_t n, size_t& i_io, size_t stop, uint8_t* d,
+                                size_t cap, size_t& o_io, bool strict) {
+    size_t i = i_io, o = o_io;
+    while (i < stop) {
         size_t run = NarrowAsciiRun(s + i, n - i, kFill ? d + o : nullptr, kFill ? cap - o : 0);
         i += run;
         o += run;
@@ -465,6 +594,118 @@ ConvertResult WideToUtf8(const char16_t* s, size_t n, uint8_t* d, size_t cap, bo
         }
         o += len;
     }
+    i_io = i;
+    o_io = o;
+    return 0;
+}
+
+#if defined(__SSE2__)
+[[gnu::always_inline]] inline void StoreNarrowed(uint8_t* d, const char16_t* s) {
+    __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s));
+    __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 8));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm_packus_epi16(a, b));
+}
+
+// The window road for 32 units at s, which starts a character; 64 units are
+// readable. Returns the units taken (a high surrogate at the end waits for
+// the next window) and their bytes in `bytes`, or 0 when the careful road
+// must decide (a lone surrogate under strict). With d (room for 128 bytes),
+// the bytes are written there, with garbage past them as in Utf8Window.
+template <bool kFill>
+[[gnu::always_inline]] inline size_t Utf16Window(const char16_t* s, uint8_t* d, size_t& bytes,
+                                                 bool strict) {
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i ff80 = _mm_set1_epi16(static_cast<short>(0xFF80));
+    const __m128i f800 = _mm_set1_epi16(static_cast<short>(0xF800));
+    const __m128i fc00 = _mm_set1_epi16(static_cast<short>(0xFC00));
+    // Per half of 16 units, one byte per unit: 0xFF where ASCII, where below
+    // U+0800, where a high and where a low surrogate.
+    __m128i ascii[2], narrow[2];
+    uint32_t ascii_bits = 0, high = 0, low = 0;
+    for (int h = 0; h < 2; ++h) {
+        __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 16 * h));
+        __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 16 * h + 8));
+        auto test = [&](__m128i mask, __m128i value) {
+            return _mm_packs_epi16(_mm_cmpeq_epi16(_mm_and_si128(a, mask), value),
+                                   _mm_cmpeq_epi16(_mm_and_si128(b, mask), value));
+        };
+        ascii[h] = test(ff80, zero);
+        ascii_bits |= static_cast<uint32_t>(_mm_movemask_epi8(ascii[h])) << (16 * h);
+        if (ascii_bits == 0xFFFFFFFF) {  // both halves ASCII
+            if (kFill) {
+                StoreNarrowed(d, s);
+                StoreNarrowed(d + 16, s + 16);
+            }
+            bytes = 32;
+            return 32;
+        }
+        narrow[h] = test(f800, zero);
+        high |= static_cast<uint32_t>(_mm_movemask_epi8(test(fc00, _mm_set1_epi16(static_cast<short>(0xD800)))))
+                << (16 * h);
+        low |= static_cast<uint32_t>(_mm_movemask_epi8(test(fc00, _mm_set1_epi16(static_cast<short>(0xDC00)))))
+               << (16 * h);
+    }
+    uint32_t pair_high = high & (low >> 1);
+    uint32_t pair = pair_high | pair_high << 1;
+    size_t taken = high >> 31 ? 31 : 32;
+    uint32_t in = high >> 31 ? 0x7FFFFFFFu : 0xFFFFFFFFu;
+    if (strict && ((high | low) & ~pair & in)) return 0;
+    // Bytes per unit: 1 for ASCII, 2 below U+0800, else 3, which a pair makes
+    // 2 + 2; the masks are 0xFF (-1) where true.
+    auto half_bytes = [&](int h) { return 48 - SumBytes(_mm_sub_epi8(zero, _mm_add_epi8(ascii[h], narrow[h]))); };
+    size_t first = half_bytes(0) - Popcount(pair & 0xFFFF);
+    bytes = first + half_bytes(1) - Popcount(pair & 0xFFFF0000u) - (taken == 31 ? 3 : 0);
+    if (kFill) {
+        StoreNarrowed(d, s);
+        StoreNarrowed(d + first, s + 16);
+        // Bytes before unit q: q plus what the earlier events wrote beyond
+        // one byte per unit.
+        size_t extra = 0;
+        for (uint32_t m = ~ascii_bits & ~(pair_high << 1) & in; m; m &= m - 1) {
+            size_t q = static_cast<size_t>(__builtin_ctz(m));
+            uint32_t u = s[q];
+            uint32_t seq;
+            size_t len, used = 1;
+            if ((pair_high >> q) & 1) {
+                u = 0x10000 + ((u - 0xD800) << 10) + (s[q + 1] - 0xDC00u);
+                seq = (0xF0 | u >> 18) | (0x80 | ((u >> 12) & 0x3F)) << 8 | (0x80 | ((u >> 6) & 0x3F)) << 16 |
+                      (0x80 | (u & 0x3F)) << 24;
+                len = 4;
+                used = 2;
+            } else {
+                if (u - 0xD800 < 0x800) u = 0xFFFD;  // a lone surrogate
+                uint32_t two = (0xC0 | u >> 6) | (0x80 | (u & 0x3F)) << 8;
+                uint32_t three = (0xE0 | u >> 12) | (0x80 | ((u >> 6) & 0x3F)) << 8 | (0x80 | (u & 0x3F)) << 16;
+                seq = u < 0x800 ? two : three;
+                len = u < 0x800 ? 2 : 3;
+            }
+            size_t p = q + extra;
+            std::memcpy(d + p, &seq, 4);  // little-endian: first byte lowest
+            StoreNarrowed(d + p + len, s + q + used);
+            extra += len - used;
+        }
+    }
+    return taken;
+}
+#endif
+
+template <bool kFill>
+ConvertResult WideToUtf8(const char16_t* s, size_t n, uint8_t* d, size_t cap, bool strict) {
+    if (!kFill) d = nullptr;
+    size_t i = 0, o = 0;
+#if defined(__SSE2__)
+    while (n - i >= 64 && (!kFill || cap - o >= 128)) {
+        size_t bytes;
+        size_t taken = Utf16Window<kFill>(s + i, kFill ? d + o : nullptr, bytes, strict);
+        if (taken) {
+            i += taken;
+            o += bytes;
+            continue;
+        }
+        if (ConvertResult r = WideToUtf8Careful<kFill>(s, n, i, i + 32, d, cap, o, strict)) return r;
+    }
+#endif
+    if (ConvertResult r = WideToUtf8Careful<kFill>(s, n, i, n, d, cap, o, strict)) return r;
     return static_cast<ConvertResult>(o);
 }
 
