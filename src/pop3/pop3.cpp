@@ -6,6 +6,7 @@
 #include "automation/variant.h"
 #include "codecs/digest.h"
 #include "codecs/encoding.h"
+#include "foundation/find.h"
 #include "foundation/trace.h"
 #include "message/collections.h"
 #include "message/message.h"
@@ -97,8 +98,8 @@ void UnstuffResponse(bstring& source, bstring& dest) {
     dest.reserve(int32_t(end - rest));
     char* out = dest.pData;
     while (rest < end) {
-        const void* hit = memmem(rest, size_t(end - rest), "\r\n..", 4);
-        const char* stop = hit ? static_cast<const char*>(hit) + 3 : end;  // through "\r\n."
+        const char* hit = FindBytes(rest, size_t(end - rest), "\r\n..", 4);
+        const char* stop = hit ? hit + 3 : end;  // through "\r\n."
         std::memcpy(out, rest, size_t(stop - rest));
         out += stop - rest;
         rest = hit ? stop + 1 : end;
