@@ -15,6 +15,7 @@
 #include "codecs/html_to_plain.h"
 #include "codecs/mediatype.h"
 #include "codecs/mimeword.h"
+#include "foundation/find.h"
 #include "foundation/trace.h"
 #include "message/message.h"
 
@@ -56,8 +57,8 @@ void append_growing(wbstring& s, const wbstring& other) { append_growing(s, othe
 // candidate, quadratic for a long boundary of one repeated byte).
 int32_t find_bytes(const bstring& hay, int32_t start, const char* needle, int32_t n) {
     if (start < 0 || n <= 0 || hay.nSize - start < n) return -1;
-    const void* hit = memmem(hay.pData + start, size_t(hay.nSize - start), needle, size_t(n));
-    return hit ? int32_t(static_cast<const char*>(hit) - hay.pData) : -1;
+    const char* hit = FindBytes(hay.pData + start, size_t(hay.nSize - start), needle, size_t(n));
+    return hit ? int32_t(hit - hay.pData) : -1;
 }
 
 bool is_blank_or_tab(char c) { return c == ' ' || c == '\t'; }
