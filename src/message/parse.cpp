@@ -438,7 +438,11 @@ void CMessage::DecodePart(const bstring& part, int32_t& default_codepage, ParseB
     if (!declared) codepage = default_codepage;
 
     Trace("DecodePart progress 3");
-    DecodeHeaders(*headers, codepage);
+    // A multipart message without a charset has its headers decoded once its
+    // text parts are known (RawBodyToMessage); a decode here would be thrown
+    // away, and the top section is the longest one.
+    if (!top || subparts.empty() || m_nTopCodepage != kCodepageUnknown)
+        DecodeHeaders(*headers, codepage);
     Trace("DecodePart progress 4");
     if (top) {
         m_bsCharset.nSize = 0;
