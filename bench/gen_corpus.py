@@ -263,7 +263,7 @@ class Writer:
         out.append("</body></html>")
         return crlf(out)
 
-    def attachment(self, raw_size, inline_cid=None, charset="utf-8"):
+    def attachment(self, raw_size, inline_cid=None):
         r = self.rng
         if inline_cid:
             ctype, ext, magic = r.choice([t for t in BINARY_TYPES if t[0].startswith("image/")])
