@@ -1,5 +1,6 @@
 #include "platform/codepage.h"
 
+#include <algorithm>
 #include <atomic>
 #include <climits>
 #include <cstddef>
@@ -234,7 +235,7 @@ ConvertResult WideToTable(const SingleByteTable* table, const char16_t* s, size_
         fallback = static_cast<uint8_t>(*default_char);
     } else {
         // '?' in this page: 0x3F in ASCII-based pages, 0x6F in EBCDIC.
-        fallback = rev['?'] ? rev['?'] : '?';
+        fallback = rev[0x3F] ? rev[0x3F] : '?';
     }
     bool used = false;
     auto one = [&](size_t k) {
@@ -489,9 +490,11 @@ template <bool kFill>
     if (kFill) {
         // Units per byte: none for a tail, two for a four-byte lead (the
         // compare for those also took ASCII), else one.
+        // Well-formed text has no more units than bytes before any byte; the
+        // bound keeps ill-formed windows (F5..FF count two) inside the room.
         size_t at = 0;
-        for (int k = 0; k < 4; ++k) {
-            StoreWidened(d + at, v[k]);
+        for (size_t k = 0; k < 4; ++k) {
+            StoreWidened(d + std::min(at, 16 * k), v[k]);
             __m128i four = _mm_and_si128(four_v[k], _mm_cmplt_epi8(v[k], _mm_setzero_si128()));
             at += SumBytes(_mm_add_epi8(_mm_sub_epi8(_mm_set1_epi8(1), four), tail_v[k]));
         }

@@ -5,9 +5,12 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/codepage.h"
+#include "../unit/platform/utf_reference.h"
 
 namespace {
 
@@ -37,10 +40,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Check(need > 0);
     std::vector<char16_t> wide(need);
     Check(MultiByteToWideChar(cp, 0, src, len, wide.data(), need) == need);
+    // UTF-8 goes through windows and a careful path; both must agree with the
+    // character-at-a-time model, strict or not.
+    if (cp == 65001) {
+        std::string_view text(src, static_cast<size_t>(len));
+        Check(std::u16string(wide.begin(), wide.end()) == *kv::test::Utf8ToUtf16Model(text));
+        auto strict = kv::test::Utf8ToUtf16Model(text, true);
+        int strict_need = MultiByteToWideChar(cp, kMbErrInvalidChars, src, len, nullptr, 0);
+        Check((strict_need != 0) == strict.has_value());
+    }
+
     if (need > 1) {
         SetLastError(0);
         Check(MultiByteToWideChar(cp, 0, src, len, wide.data(), need - 1) == 0);
         Check(GetLastError() == kErrorInsufficientBuffer);
+        Check(MultiByteToWideChar(cp, 0, src, len, wide.data(), need) == need);
     }
 
     // The input read as UTF-16 too, so lone surrogates reach the encoders.
@@ -58,6 +72,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         Check(WideCharToMultiByte(cp, 0, text->data(), static_cast<int>(text->size()), bytes.data(), n,
                                   nullptr, utf ? used : &used_fill) == n);
         Check(used_measure == used_fill);
+        if (cp == 65001) {
+            std::u16string_view in(text->data(), text->size());
+            Check(std::string(bytes.begin(), bytes.end()) == *kv::test::Utf16ToUtf8Model(in));
+        }
     }
     return 0;
 }

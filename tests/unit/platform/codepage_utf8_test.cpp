@@ -117,7 +117,8 @@ TEST(CodepageUtf8Windows, TrickySequenceAtEveryOffsetMatchesModel) {
 
 TEST(CodepageUtf8Windows, DenseMultibyteTextMatchesModel) {
     // No ASCII at all, and every window boundary inside some character.
-    for (const char* ch : {"\xC3\xA9", "\xE6\x97\xA5", "\xF0\x9F\x98\x80"}) {
+    // Runs of bytes that cannot start a sequence (F5..FF once wrote past the room).
+    for (const char* ch : {"\xC3\xA9", "\xE6\x97\xA5", "\xF0\x9F\x98\x80", "\xFF", "\xF8", "\x80", "\xF0"}) {
         for (size_t lead = 0; lead < 4; ++lead) {
             std::string bytes(lead, 'x');
             for (int k = 0; k < 100; ++k) bytes += ch;
