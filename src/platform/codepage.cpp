@@ -11,6 +11,7 @@
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
+#include <immintrin.h>
 #endif
 
 namespace kv::platform {
@@ -526,6 +527,210 @@ template <bool kFill>
     units = taken - tails + pairs;
     return taken;
 }
+
+// The AVX2 measuring road for UTF-8, chosen at run time: the same 64-byte
+// windows as Utf8Window, but validated whole with three table lookups per
+// byte (pairs of lead and following byte, and the bytes two and three after a
+// lead of three or four), so no character is decoded. Ill-formed windows go
+// to the careful road as before.
+__attribute__((target("avx2"))) inline __m256i Table16(char a0, char a1, char a2, char a3, char a4, char a5,
+                                                       char a6, char a7, char a8, char a9, char a10,
+                                                       char a11, char a12, char a13, char a14, char a15) {
+    return _mm256_broadcastsi128_si256(
+        _mm_setr_epi8(a0, a1, a2, a3, a4, a5, a6, a7, a8, a9, a10, a11, a12, a13, a14, a15));
+}
+
+// Nonzero bytes where the byte of `in` ends, or should continue, an
+// ill-formed sequence; `before` is the 32 bytes in front of it.
+__attribute__((target("avx2"))) inline __m256i Utf8ErrorsAvx2(__m256i in, __m256i before) {
+    // Bits: what a byte pair may be wrong about.
+    constexpr char kShort = 1 << 0;     // lead or ASCII, then lead or ASCII
+    constexpr char kLong = 1 << 1;      // ASCII, then tail
+    constexpr char kOverlong3 = 1 << 2; // E0 80..9F
+    constexpr char kLarge = 1 << 3;     // F4 90..BF, F5..FF then 90..BF
+    constexpr char kSurrogate = 1 << 4; // ED A0..BF
+    constexpr char kOverlong2 = 1 << 5; // C0, C1 then a tail
+    constexpr char kLarge80 = 1 << 6;   // F5..FF then 80..8F; also F0 80..8F
+    constexpr char kTwoTails = static_cast<char>(1 << 7);
+    constexpr char kCarry = kShort | kLong | kTwoTails;
+    constexpr char kAbove = kCarry | kLarge | kLarge80;
+    const __m256i low4 = _mm256_set1_epi8(0x0F);
+    __m256i shifted = _mm256_permute2x128_si256(before, in, 0x21);
+    __m256i prev1 = _mm256_alignr_epi8(in, shifted, 15);
+    __m256i prev2 = _mm256_alignr_epi8(in, shifted, 14);
+    __m256i prev3 = _mm256_alignr_epi8(in, shifted, 13);
+    __m256i first_high = _mm256_shuffle_epi8(
+        Table16(kLong, kLong, kLong, kLong, kLong, kLong, kLong, kLong, kTwoTails, kTwoTails, kTwoTails,
+                kTwoTails, kShort | kOverlong2, kShort, kShort | kOverlong3 | kSurrogate,
+                kShort | kLarge | kLarge80),
+        _mm256_and_si256(_mm256_srli_epi16(prev1, 4), low4));
+    __m256i first_low = _mm256_shuffle_epi8(
+        Table16(kCarry | kOverlong3 | kOverlong2 | kLarge80, kCarry | kOverlong2, kCarry, kCarry,
+                kCarry | kLarge, kAbove, kAbove, kAbove, kAbove, kAbove, kAbove, kAbove, kAbove,
+                kAbove | kSurrogate, kAbove, kAbove),
+        _mm256_and_si256(prev1, low4));
+    constexpr char kTail = kLong | kOverlong2 | kTwoTails;
+    __m256i second_high = _mm256_shuffle_epi8(
+        Table16(kShort, kShort, kShort, kShort, kShort, kShort, kShort, kShort,
+                kTail | kOverlong3 | kLarge80, kTail | kOverlong3 | kLarge, kTail | kSurrogate | kLarge,
+                kTail | kSurrogate | kLarge, kShort, kShort, kShort, kShort),
+        _mm256_and_si256(_mm256_srli_epi16(in, 4), low4));
+    __m256i pairs = _mm256_and_si256(_mm256_and_si256(first_high, first_low), second_high);
+    // Two or three bytes after a lead of three or four must be tails, which
+    // the pair check saw as "two tails"; anywhere else two tails are wrong.
+    __m256i third = _mm256_subs_epu8(prev2, _mm256_set1_epi8(static_cast<char>(0xE0 - 0x80)));
+    __m256i fourth = _mm256_subs_epu8(prev3, _mm256_set1_epi8(static_cast<char>(0xF0 - 0x80)));
+    __m256i must_tail = _mm256_and_si256(_mm256_or_si256(third, fourth), _mm256_set1_epi8(kTwoTails));
+    return _mm256_xor_si256(must_tail, pairs);
+}
+
+__attribute__((target("avx2"))) inline uint64_t Mask64(__m256i lo, __m256i hi) {
+    return static_cast<uint32_t>(_mm256_movemask_epi8(lo)) |
+           static_cast<uint64_t>(static_cast<uint32_t>(_mm256_movemask_epi8(hi))) << 32;
+}
+
+// Counts what Utf8Window would: the bytes taken from the 64 at s (all
+// readable) and their units, or 0 when the window is ill-formed.
+__attribute__((target("avx2,popcnt"))) inline size_t Utf8CountWindowAvx2(const uint8_t* s, size_t& units) {
+    __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s));
+    __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + 32));
+    uint64_t high = Mask64(a, b);
+    if (high == 0) {
+        units = 64;
+        return 64;
+    }
+    const __m256i c0 = _mm256_set1_epi8(static_cast<char>(0xC0));
+    const __m256i ef = _mm256_set1_epi8(static_cast<char>(0xEF));
+    uint64_t tail = Mask64(_mm256_cmpgt_epi8(c0, a), _mm256_cmpgt_epi8(c0, b));
+    uint64_t four = Mask64(_mm256_cmpgt_epi8(a, ef), _mm256_cmpgt_epi8(b, ef)) & high;
+    uint64_t leads = high & ~tail;
+    if (leads == 0) return 0;
+    size_t last = 63 - static_cast<size_t>(__builtin_clzll(leads));
+    size_t taken = last + kLeadLength.of[s[last]] > 64 ? last : 64;
+    const __m256i zero = _mm256_setzero_si256();
+    uint64_t bad = ~Mask64(_mm256_cmpeq_epi8(Utf8ErrorsAvx2(a, zero), zero),
+                           _mm256_cmpeq_epi8(Utf8ErrorsAvx2(b, a), zero));
+    uint64_t in;
+    if (taken == 64) {
+        // Nothing may be left open at the end of the window.
+        if (bad | (s[63] >= 0xC0) | (s[62] >= 0xE0) | (s[61] >= 0xF0)) return 0;
+        in = ~0ull;
+    } else {
+        // The lead at `taken` flags a sequence left open in front of it.
+        if (bad & ((2ull << taken) - 1)) return 0;
+        in = (1ull << taken) - 1;
+    }
+    units = taken - static_cast<size_t>(__builtin_popcountll(tail & in)) +
+            static_cast<size_t>(__builtin_popcountll(four & in));
+    return taken;
+}
+
+__attribute__((target("avx2,popcnt"))) ConvertResult Utf8CountAvx2(const uint8_t* s, size_t n, bool strict) {
+    size_t i = 0, o = 0;
+    while (n - i >= 64) {
+        size_t units;
+        size_t taken = Utf8CountWindowAvx2(s + i, units);
+        if (taken) {
+            i += taken;
+            o += units;
+            continue;
+        }
+        if (ConvertResult r = Utf8ToWideCareful<false>(s, n, i, i + 64, nullptr, 0, o, strict)) return r;
+    }
+    if (ConvertResult r = Utf8ToWideCareful<false>(s, n, i, n, nullptr, 0, o, strict)) return r;
+    return static_cast<ConvertResult>(o);
+}
+
+// Widens the 16 bytes at s into d.
+__attribute__((target("avx2"))) inline void StoreWidenedAvx2(char16_t* d, const uint8_t* s) {
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(d),
+                        _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(s))));
+}
+
+// Utf8Window on the AVX2 road: the window is validated whole first, so the
+// characters are decoded without checks and written as Utf8Window writes
+// them (96 bytes readable, room for 96 units, garbage past the units).
+__attribute__((target("avx2,popcnt"))) inline size_t Utf8FillWindowAvx2(const uint8_t* s, char16_t* d,
+                                                                        size_t& units) {
+    __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s));
+    __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + 32));
+    uint64_t high = Mask64(a, b);
+    if (high == 0) {
+        for (int k = 0; k < 4; ++k) StoreWidenedAvx2(d + 16 * k, s + 16 * k);
+        units = 64;
+        return 64;
+    }
+    const __m256i c0 = _mm256_set1_epi8(static_cast<char>(0xC0));
+    const __m256i ef = _mm256_set1_epi8(static_cast<char>(0xEF));
+    uint64_t tail = Mask64(_mm256_cmpgt_epi8(c0, a), _mm256_cmpgt_epi8(c0, b));
+    uint64_t four = Mask64(_mm256_cmpgt_epi8(a, ef), _mm256_cmpgt_epi8(b, ef)) & high;
+    uint64_t leads = high & ~tail;
+    if (leads == 0) return 0;
+    size_t last = 63 - static_cast<size_t>(__builtin_clzll(leads));
+    size_t taken = last + kLeadLength.of[s[last]] > 64 ? last : 64;
+    const __m256i zero = _mm256_setzero_si256();
+    uint64_t bad = ~Mask64(_mm256_cmpeq_epi8(Utf8ErrorsAvx2(a, zero), zero),
+                           _mm256_cmpeq_epi8(Utf8ErrorsAvx2(b, a), zero));
+    uint64_t in;
+    if (taken == 64) {
+        if (bad | (s[63] >= 0xC0) | (s[62] >= 0xE0) | (s[61] >= 0xF0)) return 0;
+        in = ~0ull;
+    } else {
+        if (bad & ((2ull << taken) - 1)) return 0;
+        in = (1ull << taken) - 1;
+    }
+    // Each sixteen bytes where they would go with no multibyte character
+    // after their start, then each character rewrites itself and the sixteen
+    // bytes after it, in order.
+    StoreWidenedAvx2(d, s);
+    for (size_t k = 1; k < 4; ++k) {
+        uint64_t before = (1ull << (16 * k)) - 1;
+        size_t at = 16 * k - static_cast<size_t>(__builtin_popcountll(tail & before)) +
+                    static_cast<size_t>(__builtin_popcountll(four & before));
+        StoreWidenedAvx2(d + std::min(at, 16 * k), s + 16 * k);
+    }
+    size_t tails = 0, pairs = 0;
+    for (uint64_t m = leads & in; m; m &= m - 1) {
+        size_t q = static_cast<size_t>(__builtin_ctzll(m));
+        uint32_t len = kLeadLength.of[s[q]];
+        uint32_t cp;
+        (void)DecodeSequence(s + q, len, cp);  // well-formed: checked above
+        bool pair = len == 4;
+        size_t p = q - tails + pairs;
+        d[p] = static_cast<char16_t>(pair ? 0xD7C0 + (cp >> 10) : cp);
+        d[p + 1] = static_cast<char16_t>(0xDC00 | (cp & 0x3FF));
+        StoreWidenedAvx2(d + p + 1 + pair, s + q + len);
+        tails += len - 1;
+        pairs += pair;
+    }
+    units = taken - static_cast<size_t>(__builtin_popcountll(tail & in)) +
+            static_cast<size_t>(__builtin_popcountll(four & in));
+    return taken;
+}
+
+__attribute__((target("avx2,popcnt"))) ConvertResult Utf8FillAvx2(const uint8_t* s, size_t n, char16_t* d,
+                                                                  size_t cap, bool strict) {
+    size_t i = 0, o = 0;
+    while (n - i >= 96 && cap - o >= 96) {
+        size_t units;
+        size_t taken = Utf8FillWindowAvx2(s + i, d + o, units);
+        if (taken) {
+            i += taken;
+            o += units;
+            continue;
+        }
+        if (ConvertResult r = Utf8ToWideCareful<true>(s, n, i, i + 64, d, cap, o, strict)) return r;
+    }
+    if (ConvertResult r = Utf8ToWideCareful<true>(s, n, i, n, d, cap, o, strict)) return r;
+    return static_cast<ConvertResult>(o);
+}
+
+std::atomic<bool> g_avx2_allowed{true};
+
+bool UseAvx2() {
+    static const bool has = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("popcnt");
+    return has && g_avx2_allowed.load(std::memory_order_relaxed);
+}
 #endif
 
 template <bool kFill>
@@ -533,6 +738,7 @@ ConvertResult Utf8ToWide(const uint8_t* s, size_t n, char16_t* d, size_t cap, bo
     if (!kFill) d = nullptr;
     size_t i = 0, o = 0;
 #if defined(__SSE2__)
+    if (UseAvx2()) return kFill ? Utf8FillAvx2(s, n, d, cap, strict) : Utf8CountAvx2(s, n, strict);
     while (n - i >= 96 && (!kFill || cap - o >= 96)) {
         size_t units;
         size_t taken = Utf8Window<kFill>(s + i, kFill ? d + o : nullptr, units);
@@ -690,6 +896,59 @@ template <bool kFill>
     }
     return taken;
 }
+
+// One bit per unit of the 32 in a and b: where the unit masked with `mask`
+// equals `value`.
+__attribute__((target("avx2"))) inline uint32_t UnitBits(__m256i a, __m256i b, __m256i mask, __m256i value) {
+    __m256i packed = _mm256_packs_epi16(_mm256_cmpeq_epi16(_mm256_and_si256(a, mask), value),
+                                        _mm256_cmpeq_epi16(_mm256_and_si256(b, mask), value));
+    // The pack interleaves the 128-bit lanes of a and b; put them back in order.
+    return static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_permute4x64_epi64(packed, 0xD8)));
+}
+
+// Counts what Utf16Window would for the 32 units at s (all readable).
+__attribute__((target("avx2,popcnt"))) inline size_t Utf16CountWindowAvx2(const char16_t* s, size_t& bytes,
+                                                                          bool strict) {
+    __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s));
+    __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + 16));
+    const __m256i zero = _mm256_setzero_si256();
+    const __m256i fc00 = _mm256_set1_epi16(static_cast<short>(0xFC00));
+    uint32_t ascii = UnitBits(a, b, _mm256_set1_epi16(static_cast<short>(0xFF80)), zero);
+    if (ascii == 0xFFFFFFFFu) {
+        bytes = 32;
+        return 32;
+    }
+    uint32_t narrow = UnitBits(a, b, _mm256_set1_epi16(static_cast<short>(0xF800)), zero);
+    uint32_t high = UnitBits(a, b, fc00, _mm256_set1_epi16(static_cast<short>(0xD800)));
+    uint32_t low = UnitBits(a, b, fc00, _mm256_set1_epi16(static_cast<short>(0xDC00)));
+    uint32_t pair_high = high & (low >> 1);
+    uint32_t pair = pair_high | pair_high << 1;
+    size_t taken = high >> 31 ? 31 : 32;
+    uint32_t in = high >> 31 ? 0x7FFFFFFFu : 0xFFFFFFFFu;
+    if (strict && ((high | low) & ~pair & in)) return 0;
+    // Three bytes a unit, less one for each below U+0800 and one more for
+    // ASCII; a pair is 2 + 2.
+    bytes = 96 - static_cast<size_t>(__builtin_popcount(ascii) + __builtin_popcount(narrow) +
+                                     __builtin_popcount(pair)) -
+            (taken == 31 ? 3 : 0);
+    return taken;
+}
+
+__attribute__((target("avx2,popcnt"))) ConvertResult Utf16CountAvx2(const char16_t* s, size_t n, bool strict) {
+    size_t i = 0, o = 0;
+    while (n - i >= 32) {
+        size_t bytes;
+        size_t taken = Utf16CountWindowAvx2(s + i, bytes, strict);
+        if (taken) {
+            i += taken;
+            o += bytes;
+            continue;
+        }
+        if (ConvertResult r = WideToUtf8Careful<false>(s, n, i, i + 32, nullptr, 0, o, strict)) return r;
+    }
+    if (ConvertResult r = WideToUtf8Careful<false>(s, n, i, n, nullptr, 0, o, strict)) return r;
+    return static_cast<ConvertResult>(o);
+}
 #endif
 
 template <bool kFill>
@@ -697,6 +956,7 @@ ConvertResult WideToUtf8(const char16_t* s, size_t n, uint8_t* d, size_t cap, bo
     if (!kFill) d = nullptr;
     size_t i = 0, o = 0;
 #if defined(__SSE2__)
+    if (!kFill && UseAvx2()) return Utf16CountAvx2(s, n, strict);
     while (n - i >= 64 && (!kFill || cap - o >= 128)) {
         size_t bytes;
         size_t taken = Utf16Window<kFill>(s + i, kFill ? d + o : nullptr, bytes, strict);
@@ -760,6 +1020,20 @@ bool TakesNoFlags(int cp) {
 }
 
 }  // namespace
+
+namespace detail {
+
+bool AllowUtfAvx2(bool allow) {
+#if defined(__SSE2__)
+    g_avx2_allowed.store(allow, std::memory_order_relaxed);
+    return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("popcnt");
+#else
+    (void)allow;
+    return false;
+#endif
+}
+
+}  // namespace detail
 
 uint32_t GetLastError() { return t_last_error; }
 

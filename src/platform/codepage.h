@@ -63,4 +63,12 @@ void SetLastError(uint32_t error);
 // iconv count only when the installed iconv can open them.
 bool IsValidCodePage(int codepage);
 
+namespace detail {
+
+// Tests only: false keeps the UTF-8 conversions on the SSE2 and scalar roads
+// even where the processor has AVX2. Returns whether it has.
+bool AllowUtfAvx2(bool allow);
+
+}  // namespace detail
+
 }  // namespace kv::platform

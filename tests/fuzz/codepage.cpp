@@ -40,14 +40,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Check(need > 0);
     std::vector<char16_t> wide(need);
     Check(MultiByteToWideChar(cp, 0, src, len, wide.data(), need) == need);
-    // UTF-8 goes through windows and a careful path; both must agree with the
-    // character-at-a-time model, strict or not.
+    // UTF-8 goes through windows (AVX2 where the processor has it, else
+    // SSE2) and a careful path; each must agree with the character-at-a-time
+    // model, strict or not.
     if (cp == 65001) {
         std::string_view text(src, static_cast<size_t>(len));
         Check(std::u16string(wide.begin(), wide.end()) == *kv::test::Utf8ToUtf16Model(text));
         auto strict = kv::test::Utf8ToUtf16Model(text, true);
-        int strict_need = MultiByteToWideChar(cp, kMbErrInvalidChars, src, len, nullptr, 0);
-        Check((strict_need != 0) == strict.has_value());
+        for (bool avx2 : {false, true}) {
+            detail::AllowUtfAvx2(avx2);
+            Check(MultiByteToWideChar(cp, 0, src, len, nullptr, 0) == need);
+            std::vector<char16_t> again(need);
+            Check(MultiByteToWideChar(cp, 0, src, len, again.data(), need) == need);
+            Check(again == wide);
+            int strict_need = MultiByteToWideChar(cp, kMbErrInvalidChars, src, len, nullptr, 0);
+            Check((strict_need != 0) == strict.has_value());
+            if (strict) Check(strict_need == static_cast<int>(strict->size()));
+        }
     }
 
     if (need > 1) {
@@ -75,6 +84,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (cp == 65001) {
             std::u16string_view in(text->data(), text->size());
             Check(std::string(bytes.begin(), bytes.end()) == *kv::test::Utf16ToUtf8Model(in));
+            auto strict = kv::test::Utf16ToUtf8Model(in, true);
+            for (bool avx2 : {false, true}) {
+                detail::AllowUtfAvx2(avx2);
+                Check(WideCharToMultiByte(cp, 0, text->data(), static_cast<int>(text->size()), nullptr, 0) == n);
+                std::vector<char> again(n);
+                Check(WideCharToMultiByte(cp, 0, text->data(), static_cast<int>(text->size()), again.data(), n) ==
+                      n);
+                Check(again == bytes);
+                int strict_n = WideCharToMultiByte(cp, kWcErrInvalidChars, text->data(),
+                                                   static_cast<int>(text->size()), nullptr, 0);
+                Check(strict_n == (strict ? static_cast<int>(strict->size()) : 0));
+            }
         }
     }
     return 0;

@@ -65,27 +65,49 @@ std::optional<std::string> ToUtf8(const std::u16string& text, uint32_t flags = 0
     return std::string(out.data(), static_cast<size_t>(need));
 }
 
+// Where the processor has AVX2 the conversions take it; every check runs
+// once on each road so both are held to the model.
+struct Road {
+    bool avx2;
+    const char* name;
+};
+constexpr Road kRoads[] = {{false, " (SSE2)"}, {true, " (AVX2 where present)"}};
+
+// Puts the AVX2 road back however a check leaves.
+struct RoadScope {
+    explicit RoadScope(const Road& road) { detail::AllowUtfAvx2(road.avx2); }
+    ~RoadScope() { detail::AllowUtfAvx2(true); }
+};
+
 void ExpectModelToWide(const std::string& bytes, const std::string& label) {
     auto model = test::Utf8ToUtf16Model(bytes);
-    auto got = ToWide(bytes);
-    ASSERT_TRUE(got.has_value()) << label;
-    ASSERT_EQ(*got, *model) << label;
     auto model_strict = test::Utf8ToUtf16Model(bytes, true);
-    auto strict = ToWide(bytes, kMbErrInvalidChars);
-    ASSERT_EQ(strict.has_value(), model_strict.has_value()) << label;
-    if (strict) {
-        ASSERT_EQ(*strict, *model_strict) << label;
+    for (const Road& road : kRoads) {
+        RoadScope scope(road);
+        auto got = ToWide(bytes);
+        ASSERT_TRUE(got.has_value()) << label << road.name;
+        ASSERT_EQ(*got, *model) << label << road.name;
+        auto strict = ToWide(bytes, kMbErrInvalidChars);
+        ASSERT_EQ(strict.has_value(), model_strict.has_value()) << label << road.name;
+        if (strict) {
+            ASSERT_EQ(*strict, *model_strict) << label << road.name;
+        }
     }
 }
 
 void ExpectModelToUtf8(const std::u16string& text, const std::string& label) {
-    auto got = ToUtf8(text);
-    ASSERT_TRUE(got.has_value()) << label;
-    ASSERT_EQ(*got, *test::Utf16ToUtf8Model(text)) << label;
-    auto strict = ToUtf8(text, kWcErrInvalidChars);
-    ASSERT_EQ(strict.has_value(), test::Utf16ToUtf8Model(text, true).has_value()) << label;
-    if (strict) {
-        ASSERT_EQ(*strict, *got) << label;
+    auto model = test::Utf16ToUtf8Model(text);
+    bool strict_ok = test::Utf16ToUtf8Model(text, true).has_value();
+    for (const Road& road : kRoads) {
+        RoadScope scope(road);
+        auto got = ToUtf8(text);
+        ASSERT_TRUE(got.has_value()) << label << road.name;
+        ASSERT_EQ(*got, *model) << label << road.name;
+        auto strict = ToUtf8(text, kWcErrInvalidChars);
+        ASSERT_EQ(strict.has_value(), strict_ok) << label << road.name;
+        if (strict) {
+            ASSERT_EQ(*strict, *got) << label << road.name;
+        }
     }
 }
 
@@ -111,6 +133,42 @@ TEST(CodepageUtf8Windows, TrickySequenceAtEveryOffsetMatchesModel) {
             std::string tail(at + 100, 'c');
             tail += tricky;
             ExpectModelToWide(tail, "at end after " + std::to_string(at + 100));
+        }
+    }
+}
+
+TEST(CodepageUtf8Windows, EveryLeadAndFollowingByteClassMeasuresAsModel) {
+    // Every first byte with a byte of each class after it and a spread of
+    // third and fourth bytes, placed around the window edges: the measuring
+    // roads judge a window whole and must agree with the model on each.
+    const uint8_t seconds[] = {0x00, 0x41, 0x7F, 0x80, 0x8F, 0x90, 0x9F, 0xA0,
+                               0xAF, 0xB0, 0xBF, 0xC0, 0xC2, 0xE0, 0xF0, 0xFF};
+    const uint8_t laters[] = {0x41, 0x80, 0x90, 0xA0, 0xBF, 0xC3, 0xF0};
+    const size_t offsets[] = {0, 29, 31, 59, 61, 62, 63};
+    size_t round = 0;
+    for (int first = 0x80; first < 0x100; ++first) {
+        for (uint8_t second : seconds) {
+            for (uint8_t third : laters) {
+                for (uint8_t fourth : laters) {
+                    std::string bytes(offsets[round++ % std::size(offsets)], 'a');
+                    bytes += {static_cast<char>(first), static_cast<char>(second), static_cast<char>(third),
+                              static_cast<char>(fourth)};
+                    bytes += std::string(100, 'z');
+                    int want = static_cast<int>(test::Utf8ToUtf16Model(bytes)->size());
+                    bool strict_ok = test::Utf8ToUtf16Model(bytes, true).has_value();
+                    int len = static_cast<int>(bytes.size());
+                    for (const Road& road : kRoads) {
+                        RoadScope scope(road);
+                        ASSERT_EQ(MultiByteToWideChar(65001, 0, bytes.data(), len, nullptr, 0), want)
+                            << std::hex << first << ' ' << +second << ' ' << +third << ' ' << +fourth
+                            << road.name;
+                        ASSERT_EQ(MultiByteToWideChar(65001, kMbErrInvalidChars, bytes.data(), len, nullptr, 0) != 0,
+                                  strict_ok)
+                            << std::hex << first << ' ' << +second << ' ' << +third << ' ' << +fourth
+                            << road.name;
+                    }
+                }
+            }
         }
     }
 }
