@@ -533,9 +533,10 @@ template <bool kFill>
 // byte (pairs of lead and following byte, and the bytes two and three after a
 // lead of three or four), so no character is decoded. Ill-formed windows go
 // to the careful road as before.
-__attribute__((target("avx2"))) inline __m256i Table16(char a0, char a1, char a2, char a3, char a4, char a5,
-                                                       char a6, char a7, char a8, char a9, char a10,
-                                                       char a11, char a12, char a13, char a14, char a15) {
+__attribute__((target("avx2"))) inline __m256i Table16(char a0, char a1, char a2, char a3, char a4,
+                                                       char a5, char a6, char a7, char a8, char a9,
+                                                       char a10, char a11, char a12, char a13,
+                                                       char a14, char a15) {
     return _mm256_broadcastsi128_si256(
         _mm_setr_epi8(a0, a1, a2, a3, a4, a5, a6, a7, a8, a9, a10, a11, a12, a13, a14, a15));
 }
@@ -544,13 +545,13 @@ __attribute__((target("avx2"))) inline __m256i Table16(char a0, char a1, char a2
 // ill-formed sequence; `before` is the 32 bytes in front of it.
 __attribute__((target("avx2"))) inline __m256i Utf8ErrorsAvx2(__m256i in, __m256i before) {
     // Bits: what a byte pair may be wrong about.
-    constexpr char kShort = 1 << 0;     // lead or ASCII, then lead or ASCII
-    constexpr char kLong = 1 << 1;      // ASCII, then tail
-    constexpr char kOverlong3 = 1 << 2; // E0 80..9F
-    constexpr char kLarge = 1 << 3;     // F4 90..BF, F5..FF then 90..BF
-    constexpr char kSurrogate = 1 << 4; // ED A0..BF
-    constexpr char kOverlong2 = 1 << 5; // C0, C1 then a tail
-    constexpr char kLarge80 = 1 << 6;   // F5..FF then 80..8F; also F0 80..8F
+    constexpr char kShort = 1 << 0;      // lead or ASCII, then lead or ASCII
+    constexpr char kLong = 1 << 1;       // ASCII, then tail
+    constexpr char kOverlong3 = 1 << 2;  // E0 80..9F
+    constexpr char kLarge = 1 << 3;      // F4 90..BF, F5..FF then 90..BF
+    constexpr char kSurrogate = 1 << 4;  // ED A0..BF
+    constexpr char kOverlong2 = 1 << 5;  // C0, C1 then a tail
+    constexpr char kLarge80 = 1 << 6;    // F5..FF then 80..8F; also F0 80..8F
     constexpr char kTwoTails = static_cast<char>(1 << 7);
     constexpr char kCarry = kShort | kLong | kTwoTails;
     constexpr char kAbove = kCarry | kLarge | kLarge80;
@@ -560,8 +561,8 @@ __attribute__((target("avx2"))) inline __m256i Utf8ErrorsAvx2(__m256i in, __m256
     __m256i prev2 = _mm256_alignr_epi8(in, shifted, 14);
     __m256i prev3 = _mm256_alignr_epi8(in, shifted, 13);
     __m256i first_high = _mm256_shuffle_epi8(
-        Table16(kLong, kLong, kLong, kLong, kLong, kLong, kLong, kLong, kTwoTails, kTwoTails, kTwoTails,
-                kTwoTails, kShort | kOverlong2, kShort, kShort | kOverlong3 | kSurrogate,
+        Table16(kLong, kLong, kLong, kLong, kLong, kLong, kLong, kLong, kTwoTails, kTwoTails,
+                kTwoTails, kTwoTails, kShort | kOverlong2, kShort, kShort | kOverlong3 | kSurrogate,
                 kShort | kLarge | kLarge80),
         _mm256_and_si256(_mm256_srli_epi16(prev1, 4), low4));
     __m256i first_low = _mm256_shuffle_epi8(
@@ -570,17 +571,19 @@ __attribute__((target("avx2"))) inline __m256i Utf8ErrorsAvx2(__m256i in, __m256
                 kAbove | kSurrogate, kAbove, kAbove),
         _mm256_and_si256(prev1, low4));
     constexpr char kTail = kLong | kOverlong2 | kTwoTails;
-    __m256i second_high = _mm256_shuffle_epi8(
-        Table16(kShort, kShort, kShort, kShort, kShort, kShort, kShort, kShort,
-                kTail | kOverlong3 | kLarge80, kTail | kOverlong3 | kLarge, kTail | kSurrogate | kLarge,
-                kTail | kSurrogate | kLarge, kShort, kShort, kShort, kShort),
-        _mm256_and_si256(_mm256_srli_epi16(in, 4), low4));
+    __m256i second_high =
+        _mm256_shuffle_epi8(Table16(kShort, kShort, kShort, kShort, kShort, kShort, kShort, kShort,
+                                    kTail | kOverlong3 | kLarge80, kTail | kOverlong3 | kLarge,
+                                    kTail | kSurrogate | kLarge, kTail | kSurrogate | kLarge,
+                                    kShort, kShort, kShort, kShort),
+                            _mm256_and_si256(_mm256_srli_epi16(in, 4), low4));
     __m256i pairs = _mm256_and_si256(_mm256_and_si256(first_high, first_low), second_high);
     // Two or three bytes after a lead of three or four must be tails, which
     // the pair check saw as "two tails"; anywhere else two tails are wrong.
     __m256i third = _mm256_subs_epu8(prev2, _mm256_set1_epi8(static_cast<char>(0xE0 - 0x80)));
     __m256i fourth = _mm256_subs_epu8(prev3, _mm256_set1_epi8(static_cast<char>(0xF0 - 0x80)));
-    __m256i must_tail = _mm256_and_si256(_mm256_or_si256(third, fourth), _mm256_set1_epi8(kTwoTails));
+    __m256i must_tail =
+        _mm256_and_si256(_mm256_or_si256(third, fourth), _mm256_set1_epi8(kTwoTails));
     return _mm256_xor_si256(must_tail, pairs);
 }
 
@@ -591,7 +594,8 @@ __attribute__((target("avx2"))) inline uint64_t Mask64(__m256i lo, __m256i hi) {
 
 // Counts what Utf8Window would: the bytes taken from the 64 at s (all
 // readable) and their units, or 0 when the window is ill-formed.
-__attribute__((target("avx2,popcnt"))) inline size_t Utf8CountWindowAvx2(const uint8_t* s, size_t& units) {
+__attribute__((target("avx2,popcnt"))) inline size_t Utf8CountWindowAvx2(const uint8_t* s,
+                                                                         size_t& units) {
     __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s));
     __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + 32));
     uint64_t high = Mask64(a, b);
@@ -625,7 +629,8 @@ __attribute__((target("avx2,popcnt"))) inline size_t Utf8CountWindowAvx2(const u
     return taken;
 }
 
-__attribute__((target("avx2,popcnt"))) ConvertResult Utf8CountAvx2(const uint8_t* s, size_t n, bool strict) {
+__attribute__((target("avx2,popcnt"))) ConvertResult Utf8CountAvx2(const uint8_t* s, size_t n,
+                                                                   bool strict) {
     size_t i = 0, o = 0;
     while (n - i >= 64) {
         size_t units;
@@ -635,7 +640,8 @@ __attribute__((target("avx2,popcnt"))) ConvertResult Utf8CountAvx2(const uint8_t
             o += units;
             continue;
         }
-        if (ConvertResult r = Utf8ToWideCareful<false>(s, n, i, i + 64, nullptr, 0, o, strict)) return r;
+        if (ConvertResult r = Utf8ToWideCareful<false>(s, n, i, i + 64, nullptr, 0, o, strict))
+            return r;
     }
     if (ConvertResult r = Utf8ToWideCareful<false>(s, n, i, n, nullptr, 0, o, strict)) return r;
     return static_cast<ConvertResult>(o);
@@ -650,7 +656,8 @@ __attribute__((target("avx2"))) inline void StoreWidenedAvx2(char16_t* d, const 
 // Utf8Window on the AVX2 road: the window is validated whole first, so the
 // characters are decoded without checks and written as Utf8Window writes
 // them (96 bytes readable, room for 96 units, garbage past the units).
-__attribute__((target("avx2,popcnt"))) inline size_t Utf8FillWindowAvx2(const uint8_t* s, char16_t* d,
+__attribute__((target("avx2,popcnt"))) inline size_t Utf8FillWindowAvx2(const uint8_t* s,
+                                                                        char16_t* d,
                                                                         size_t& units) {
     __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s));
     __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + 32));
@@ -708,8 +715,9 @@ __attribute__((target("avx2,popcnt"))) inline size_t Utf8FillWindowAvx2(const ui
     return taken;
 }
 
-__attribute__((target("avx2,popcnt"))) ConvertResult Utf8FillAvx2(const uint8_t* s, size_t n, char16_t* d,
-                                                                  size_t cap, bool strict) {
+__attribute__((target("avx2,popcnt"))) ConvertResult Utf8FillAvx2(const uint8_t* s, size_t n,
+                                                                  char16_t* d, size_t cap,
+                                                                  bool strict) {
     size_t i = 0, o = 0;
     while (n - i >= 96 && cap - o >= 96) {
         size_t units;
@@ -899,7 +907,8 @@ template <bool kFill>
 
 // One bit per unit of the 32 in a and b: where the unit masked with `mask`
 // equals `value`.
-__attribute__((target("avx2"))) inline uint32_t UnitBits(__m256i a, __m256i b, __m256i mask, __m256i value) {
+__attribute__((target("avx2"))) inline uint32_t UnitBits(__m256i a, __m256i b, __m256i mask,
+                                                         __m256i value) {
     __m256i packed = _mm256_packs_epi16(_mm256_cmpeq_epi16(_mm256_and_si256(a, mask), value),
                                         _mm256_cmpeq_epi16(_mm256_and_si256(b, mask), value));
     // The pack interleaves the 128-bit lanes of a and b; put them back in order.
@@ -907,7 +916,8 @@ __attribute__((target("avx2"))) inline uint32_t UnitBits(__m256i a, __m256i b, _
 }
 
 // Counts what Utf16Window would for the 32 units at s (all readable).
-__attribute__((target("avx2,popcnt"))) inline size_t Utf16CountWindowAvx2(const char16_t* s, size_t& bytes,
+__attribute__((target("avx2,popcnt"))) inline size_t Utf16CountWindowAvx2(const char16_t* s,
+                                                                          size_t& bytes,
                                                                           bool strict) {
     __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s));
     __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + 16));
@@ -928,13 +938,102 @@ __attribute__((target("avx2,popcnt"))) inline size_t Utf16CountWindowAvx2(const 
     if (strict && ((high | low) & ~pair & in)) return 0;
     // Three bytes a unit, less one for each below U+0800 and one more for
     // ASCII; a pair is 2 + 2.
-    bytes = 96 - static_cast<size_t>(__builtin_popcount(ascii) + __builtin_popcount(narrow) +
-                                     __builtin_popcount(pair)) -
+    bytes = 96 -
+            static_cast<size_t>(__builtin_popcount(ascii) + __builtin_popcount(narrow) +
+                                __builtin_popcount(pair)) -
             (taken == 31 ? 3 : 0);
     return taken;
 }
 
-__attribute__((target("avx2,popcnt"))) ConvertResult Utf16CountAvx2(const char16_t* s, size_t n, bool strict) {
+// Narrows the 16 units at s into d.
+__attribute__((target("popcnt"))) inline size_t CountBits(uint32_t x) {
+    return static_cast<size_t>(__builtin_popcount(x));
+}
+
+__attribute__((target("avx2"))) inline void StoreNarrowedAvx2(uint8_t* d, const char16_t* s) {
+    __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d),
+                     _mm_packus_epi16(_mm256_castsi256_si128(v), _mm256_extracti128_si256(v, 1)));
+}
+
+// Utf16Window on the AVX2 road, writing what it writes (64 units readable,
+// room for 128 bytes, garbage past the bytes).
+__attribute__((target("avx2,popcnt"))) inline size_t Utf16FillWindowAvx2(const char16_t* s,
+                                                                         uint8_t* d, size_t& bytes,
+                                                                         bool strict) {
+    __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s));
+    __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + 16));
+    // All 32 narrowed, in order.
+    __m256i narrowed = _mm256_permute4x64_epi64(_mm256_packus_epi16(a, b), 0xD8);
+    const __m256i zero = _mm256_setzero_si256();
+    const __m256i fc00 = _mm256_set1_epi16(static_cast<short>(0xFC00));
+    uint32_t ascii = UnitBits(a, b, _mm256_set1_epi16(static_cast<short>(0xFF80)), zero);
+    if (ascii == 0xFFFFFFFFu) {
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(d), narrowed);
+        bytes = 32;
+        return 32;
+    }
+    uint32_t narrow = UnitBits(a, b, _mm256_set1_epi16(static_cast<short>(0xF800)), zero);
+    uint32_t high = UnitBits(a, b, fc00, _mm256_set1_epi16(static_cast<short>(0xD800)));
+    uint32_t low = UnitBits(a, b, fc00, _mm256_set1_epi16(static_cast<short>(0xDC00)));
+    uint32_t pair_high = high & (low >> 1);
+    uint32_t pair = pair_high | pair_high << 1;
+    size_t taken = high >> 31 ? 31 : 32;
+    uint32_t in = high >> 31 ? 0x7FFFFFFFu : 0xFFFFFFFFu;
+    if (strict && ((high | low) & ~pair & in)) return 0;
+    size_t first =
+        48 - CountBits(ascii & 0xFFFF) - CountBits(narrow & 0xFFFF) - CountBits(pair & 0xFFFF);
+    bytes = 96 - CountBits(ascii) - CountBits(narrow) - CountBits(pair) - (taken == 31 ? 3 : 0);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm256_castsi256_si128(narrowed));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d + first), _mm256_extracti128_si256(narrowed, 1));
+    size_t extra = 0;
+    for (uint32_t m = ~ascii & ~(pair_high << 1) & in; m; m &= m - 1) {
+        size_t q = static_cast<size_t>(__builtin_ctz(m));
+        uint32_t u = s[q];
+        uint32_t seq;
+        size_t len, used = 1;
+        if ((pair_high >> q) & 1) {
+            u = 0x10000 + ((u - 0xD800) << 10) + (s[q + 1] - 0xDC00u);
+            seq = (0xF0 | u >> 18) | (0x80 | ((u >> 12) & 0x3F)) << 8 |
+                  (0x80 | ((u >> 6) & 0x3F)) << 16 | (0x80 | (u & 0x3F)) << 24;
+            len = 4;
+            used = 2;
+        } else {
+            if (u - 0xD800 < 0x800) u = 0xFFFD;  // a lone surrogate
+            uint32_t two = (0xC0 | u >> 6) | (0x80 | (u & 0x3F)) << 8;
+            uint32_t three =
+                (0xE0 | u >> 12) | (0x80 | ((u >> 6) & 0x3F)) << 8 | (0x80 | (u & 0x3F)) << 16;
+            seq = u < 0x800 ? two : three;
+            len = u < 0x800 ? 2 : 3;
+        }
+        size_t p = q + extra;
+        std::memcpy(d + p, &seq, 4);  // little-endian: first byte lowest
+        StoreNarrowedAvx2(d + p + len, s + q + used);
+        extra += len - used;
+    }
+    return taken;
+}
+
+__attribute__((target("avx2,popcnt"))) ConvertResult Utf16FillAvx2(const char16_t* s, size_t n,
+                                                                   uint8_t* d, size_t cap,
+                                                                   bool strict) {
+    size_t i = 0, o = 0;
+    while (n - i >= 64 && cap - o >= 128) {
+        size_t bytes;
+        size_t taken = Utf16FillWindowAvx2(s + i, d + o, bytes, strict);
+        if (taken) {
+            i += taken;
+            o += bytes;
+            continue;
+        }
+        if (ConvertResult r = WideToUtf8Careful<true>(s, n, i, i + 32, d, cap, o, strict)) return r;
+    }
+    if (ConvertResult r = WideToUtf8Careful<true>(s, n, i, n, d, cap, o, strict)) return r;
+    return static_cast<ConvertResult>(o);
+}
+
+__attribute__((target("avx2,popcnt"))) ConvertResult Utf16CountAvx2(const char16_t* s, size_t n,
+                                                                    bool strict) {
     size_t i = 0, o = 0;
     while (n - i >= 32) {
         size_t bytes;
@@ -944,7 +1043,8 @@ __attribute__((target("avx2,popcnt"))) ConvertResult Utf16CountAvx2(const char16
             o += bytes;
             continue;
         }
-        if (ConvertResult r = WideToUtf8Careful<false>(s, n, i, i + 32, nullptr, 0, o, strict)) return r;
+        if (ConvertResult r = WideToUtf8Careful<false>(s, n, i, i + 32, nullptr, 0, o, strict))
+            return r;
     }
     if (ConvertResult r = WideToUtf8Careful<false>(s, n, i, n, nullptr, 0, o, strict)) return r;
     return static_cast<ConvertResult>(o);
@@ -956,7 +1056,8 @@ ConvertResult WideToUtf8(const char16_t* s, size_t n, uint8_t* d, size_t cap, bo
     if (!kFill) d = nullptr;
     size_t i = 0, o = 0;
 #if defined(__SSE2__)
-    if (!kFill && UseAvx2()) return Utf16CountAvx2(s, n, strict);
+    if (UseAvx2())
+        return kFill ? Utf16FillAvx2(s, n, d, cap, strict) : Utf16CountAvx2(s, n, strict);
     while (n - i >= 64 && (!kFill || cap - o >= 128)) {
         size_t bytes;
         size_t taken = Utf16Window<kFill>(s + i, kFill ? d + o : nullptr, bytes, strict);

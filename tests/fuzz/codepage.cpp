@@ -87,10 +87,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             auto strict = kv::test::Utf16ToUtf8Model(in, true);
             for (bool avx2 : {false, true}) {
                 detail::AllowUtfAvx2(avx2);
-                Check(WideCharToMultiByte(cp, 0, text->data(), static_cast<int>(text->size()), nullptr, 0) == n);
+                Check(WideCharToMultiByte(cp, 0, text->data(), static_cast<int>(text->size()),
+                                          nullptr, 0) == n);
                 std::vector<char> again(n);
-                Check(WideCharToMultiByte(cp, 0, text->data(), static_cast<int>(text->size()), again.data(), n) ==
-                      n);
+                Check(WideCharToMultiByte(cp, 0, text->data(), static_cast<int>(text->size()),
+                                          again.data(), n) == n);
                 Check(again == bytes);
                 int strict_n = WideCharToMultiByte(cp, kWcErrInvalidChars, text->data(),
                                                    static_cast<int>(text->size()), nullptr, 0);

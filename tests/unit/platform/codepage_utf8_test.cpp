@@ -151,21 +151,23 @@ TEST(CodepageUtf8Windows, EveryLeadAndFollowingByteClassMeasuresAsModel) {
             for (uint8_t third : laters) {
                 for (uint8_t fourth : laters) {
                     std::string bytes(offsets[round++ % std::size(offsets)], 'a');
-                    bytes += {static_cast<char>(first), static_cast<char>(second), static_cast<char>(third),
-                              static_cast<char>(fourth)};
+                    bytes += {static_cast<char>(first), static_cast<char>(second),
+                              static_cast<char>(third), static_cast<char>(fourth)};
                     bytes += std::string(100, 'z');
                     int want = static_cast<int>(test::Utf8ToUtf16Model(bytes)->size());
                     bool strict_ok = test::Utf8ToUtf16Model(bytes, true).has_value();
                     int len = static_cast<int>(bytes.size());
                     for (const Road& road : kRoads) {
                         RoadScope scope(road);
-                        ASSERT_EQ(MultiByteToWideChar(65001, 0, bytes.data(), len, nullptr, 0), want)
-                            << std::hex << first << ' ' << +second << ' ' << +third << ' ' << +fourth
-                            << road.name;
-                        ASSERT_EQ(MultiByteToWideChar(65001, kMbErrInvalidChars, bytes.data(), len, nullptr, 0) != 0,
+                        ASSERT_EQ(MultiByteToWideChar(65001, 0, bytes.data(), len, nullptr, 0),
+                                  want)
+                            << std::hex << first << ' ' << +second << ' ' << +third << ' '
+                            << +fourth << road.name;
+                        ASSERT_EQ(MultiByteToWideChar(65001, kMbErrInvalidChars, bytes.data(), len,
+                                                      nullptr, 0) != 0,
                                   strict_ok)
-                            << std::hex << first << ' ' << +second << ' ' << +third << ' ' << +fourth
-                            << road.name;
+                            << std::hex << first << ' ' << +second << ' ' << +third << ' '
+                            << +fourth << road.name;
                     }
                 }
             }
