@@ -629,19 +629,75 @@ __attribute__((target("avx2,popcnt"))) inline size_t Utf8CountWindowAvx2(const u
     return taken;
 }
 
+// Whether the `len` bytes at s (at least 64) are well-formed and end with a
+// whole character; if so their units go to `units`. Mostly-clean text is
+// measured this way in long stretches, with no per-window bookkeeping.
+__attribute__((target("avx2,popcnt"))) inline bool Utf8CountStretchAvx2(const uint8_t* s,
+                                                                        size_t len, size_t& units) {
+    const __m256i zero = _mm256_setzero_si256();
+    const __m256i c0 = _mm256_set1_epi8(static_cast<char>(0xC0));
+    const __m256i ef = _mm256_set1_epi8(static_cast<char>(0xEF));
+    __m256i errors = zero, before = zero;
+    size_t tails = 0, fours = 0;
+    size_t k = 0;
+    for (; k + 32 <= len; k += 32) {
+        __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + k));
+        errors = _mm256_or_si256(errors, Utf8ErrorsAvx2(v, before));
+        tails += static_cast<size_t>(__builtin_popcount(
+            static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpgt_epi8(c0, v)))));
+        fours += static_cast<size_t>(__builtin_popcount(static_cast<uint32_t>(
+            _mm256_movemask_epi8(_mm256_and_si256(_mm256_cmpgt_epi8(v, ef), v)))));
+        before = v;
+    }
+    if (k < len) {
+        // The 32 bytes ending the stretch, counting only those not seen yet.
+        uint32_t fresh = ~0u << (k + 32 - len);
+        __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + len - 32));
+        before = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + len - 64));
+        errors = _mm256_or_si256(errors, Utf8ErrorsAvx2(v, before));
+        tails += static_cast<size_t>(__builtin_popcount(
+            static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpgt_epi8(c0, v))) & fresh));
+        fours += static_cast<size_t>(
+            __builtin_popcount(static_cast<uint32_t>(_mm256_movemask_epi8(
+                                   _mm256_and_si256(_mm256_cmpgt_epi8(v, ef), v))) &
+                               fresh));
+    }
+    if (!_mm256_testz_si256(errors, errors)) return false;
+    if ((s[len - 1] >= 0xC0) | (s[len - 2] >= 0xE0) | (s[len - 3] >= 0xF0)) return false;
+    units = len - tails + fours;
+    return true;
+}
+
 __attribute__((target("avx2,popcnt"))) ConvertResult Utf8CountAvx2(const uint8_t* s, size_t n,
                                                                    bool strict) {
+    constexpr size_t kStretch = 512;
     size_t i = 0, o = 0;
     while (n - i >= 64) {
-        size_t units;
-        size_t taken = Utf8CountWindowAvx2(s + i, units);
-        if (taken) {
-            i += taken;
-            o += units;
-            continue;
+        size_t stop = n;
+        if (n - i >= kStretch + 4) {
+            // End the stretch before a byte that can start a character.
+            size_t end = i + kStretch;
+            while (end > i + kStretch - 3 && (s[end] & 0xC0) == 0x80) --end;
+            size_t units;
+            if (Utf8CountStretchAvx2(s + i, end - i, units)) {
+                i = end;
+                o += units;
+                continue;
+            }
+            // Something in it is ill-formed: window by window through it.
+            stop = end;
         }
-        if (ConvertResult r = Utf8ToWideCareful<false>(s, n, i, i + 64, nullptr, 0, o, strict))
-            return r;
+        while (i < stop && n - i >= 64) {
+            size_t units;
+            size_t taken = Utf8CountWindowAvx2(s + i, units);
+            if (taken) {
+                i += taken;
+                o += units;
+                continue;
+            }
+            if (ConvertResult r = Utf8ToWideCareful<false>(s, n, i, i + 64, nullptr, 0, o, strict))
+                return r;
+        }
     }
     if (ConvertResult r = Utf8ToWideCareful<false>(s, n, i, n, nullptr, 0, o, strict)) return r;
     return static_cast<ConvertResult>(o);

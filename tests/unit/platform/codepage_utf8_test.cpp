@@ -137,6 +137,22 @@ TEST(CodepageUtf8Windows, TrickySequenceAtEveryOffsetMatchesModel) {
     }
 }
 
+TEST(CodepageUtf8Windows, TrickySequenceAroundLongStretchesMatchesModel) {
+    // Clean text is measured in stretches of some hundred bytes that end
+    // before a byte that can start a character; put each sequence across
+    // those ends and past them.
+    for (const char* tricky : kTrickyUtf8) {
+        for (size_t at = 500; at < 530; ++at) {
+            std::string bytes(at, 'a');
+            bytes += tricky;
+            bytes += std::string(at, 'b');
+            ExpectModelToWide(bytes, "offset " + std::to_string(at));
+            for (size_t k = 0; k + 1 < at; k += 7) bytes[k] = '\xC3', bytes[k + 1] = '\xA9';
+            ExpectModelToWide(bytes, "accented, offset " + std::to_string(at));
+        }
+    }
+}
+
 TEST(CodepageUtf8Windows, EveryLeadAndFollowingByteClassMeasuresAsModel) {
     // Every first byte with a byte of each class after it and a spread of
     // third and fourth bytes, placed around the window edges: the measuring
@@ -181,7 +197,7 @@ TEST(CodepageUtf8Windows, DenseMultibyteTextMatchesModel) {
     for (const char* ch : {"\xC3\xA9", "\xE6\x97\xA5", "\xF0\x9F\x98\x80", "\xFF", "\xF8", "\x80", "\xF0"}) {
         for (size_t lead = 0; lead < 4; ++lead) {
             std::string bytes(lead, 'x');
-            for (int k = 0; k < 100; ++k) bytes += ch;
+            for (int k = 0; k < 400; ++k) bytes += ch;
             ExpectModelToWide(bytes, std::string("dense after ") + std::to_string(lead));
         }
     }
