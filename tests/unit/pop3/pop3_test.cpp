@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "../support/event_sink.h"
 #include "../support/fake_server.h"
 #include "automation/safearray.h"
 #include "automation/variant.h"
@@ -566,19 +567,10 @@ TEST(Pop3Retrieve, HeadersLoopStopsAtTheFirstFailure) {
 
 // ---- events ---------------------------------------------------------------------------
 
-class RecordingSink final : public IDispatch {
+class RecordingSink final : public EventSink {
 public:
     std::vector<std::string> events;
     std::function<bool(DISPID, int32_t)> answer;  // Proceed for (event, first argument)
-    HRESULT QueryInterface(REFIID, void** ppv) override {
-        *ppv = static_cast<IDispatch*>(this);
-        return S_OK;
-    }
-    uint32_t AddRef() override { return 2; }
-    uint32_t Release() override { return 1; }
-    HRESULT GetTypeInfoCount(uint32_t*) override { return E_NOTIMPL; }
-    HRESULT GetTypeInfo(uint32_t, LCID, ITypeInfo**) override { return E_NOTIMPL; }
-    HRESULT GetIDsOfNames(REFIID, OLECHAR**, uint32_t, LCID, DISPID*) override { return E_NOTIMPL; }
     HRESULT Invoke(DISPID id, REFIID, LCID, uint16_t, DISPPARAMS* dp, VARIANT*, EXCEPINFO*, uint32_t*) override {
         // Arguments arrive reversed: Proceed first, Index last.
         int32_t index = dp->rgvarg[dp->cArgs - 1].lVal;

@@ -13,6 +13,7 @@
 #include <sstream>
 #include <thread>
 
+#include "../support/event_sink.h"
 #include "../support/fake_server.h"
 #include "automation/catalogue.h"
 #include "automation/object.h"
@@ -263,19 +264,10 @@ const ClassInfo kTestMailerClass = {
     &kITestMailer, &kITestMailerEvents, false, nullptr};
 
 // A sink that runs a reaction on each event and answers Proceed.
-class Sink final : public IDispatch {
+class Sink final : public EventSink {
 public:
     std::function<bool(int32_t bytes)> react;
     int calls = 0;
-    HRESULT QueryInterface(REFIID riid, void** ppv) override {
-        *ppv = static_cast<IDispatch*>(this);
-        return S_OK;
-    }
-    uint32_t AddRef() override { return 2; }
-    uint32_t Release() override { return 1; }
-    HRESULT GetTypeInfoCount(uint32_t*) override { return E_NOTIMPL; }
-    HRESULT GetTypeInfo(uint32_t, LCID, ITypeInfo**) override { return E_NOTIMPL; }
-    HRESULT GetIDsOfNames(REFIID, OLECHAR**, uint32_t, LCID, DISPID*) override { return E_NOTIMPL; }
     HRESULT Invoke(DISPID id, REFIID, LCID, uint16_t, DISPPARAMS* dp, VARIANT*, EXCEPINFO*, uint32_t*) override {
         ++calls;
         EXPECT_EQ(id, kOnProgress);
