@@ -1001,19 +1001,99 @@ __attribute__((target("avx2,popcnt"))) inline size_t Utf16CountWindowAvx2(const 
     return taken;
 }
 
-// Narrows the 16 units at s into d.
 __attribute__((target("popcnt"))) inline size_t CountBits(uint32_t x) {
     return static_cast<size_t>(__builtin_popcount(x));
 }
 
+// Narrows the 16 units at s into d.
 __attribute__((target("avx2"))) inline void StoreNarrowedAvx2(uint8_t* d, const char16_t* s) {
     __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s));
     _mm_storeu_si128(reinterpret_cast<__m128i*>(d),
                      _mm_packus_epi16(_mm256_castsi256_si128(v), _mm256_extracti128_si256(v, 1)));
 }
 
+// Shuffles that pack four units, spread one per 32 bits as EncodeSixteenAvx2
+// spreads them, into their 1, 2 or 3 bytes back to back. Indexed by two bits
+// a unit, lowest unit first: below U+0080, below U+0800.
+struct PackShuffles {
+    uint8_t of[256][16];
+};
+
+constexpr PackShuffles MakePackShuffles() {
+    // Where a unit's bytes lie in its 32 bits, by how many there are.
+    constexpr uint8_t kPlaces[4][3] = {{0, 0, 0}, {0, 0, 0}, {3, 1, 0}, {2, 3, 1}};
+    PackShuffles t{};
+    for (int index = 0; index < 256; ++index) {
+        int at = 0;
+        for (int unit = 0; unit < 4; ++unit) {
+            int bits = (index >> (2 * unit)) & 3;
+            int len = 3 - (bits & 1) - (bits >> 1);
+            for (int k = 0; k < len; ++k) {
+                t.of[index][at++] = static_cast<uint8_t>(4 * unit + kPlaces[len][k]);
+            }
+        }
+        while (at < 16) t.of[index][at++] = 0x80;  // zero
+    }
+    return t;
+}
+constexpr PackShuffles kPackShuffles = MakePackShuffles();
+
+// The shuffles for a in the low and b in the high 128 bits.
+__attribute__((target("avx2"))) inline __m256i PackShuffle(uint32_t a, uint32_t b) {
+    return _mm256_inserti128_si256(
+        _mm256_castsi128_si256(
+            _mm_loadu_si128(reinterpret_cast<const __m128i*>(kPackShuffles.of[a]))),
+        _mm_loadu_si128(reinterpret_cast<const __m128i*>(kPackShuffles.of[b])), 1);
+}
+
+// Writes the UTF-8 of the 16 units in `in`, none a surrogate, at d and
+// returns its length; up to 16 bytes past it are garbage.
+__attribute__((target("avx2,popcnt"))) inline size_t EncodeSixteenAvx2(__m256i in, uint8_t* d) {
+    const __m256i zero = _mm256_setzero_si256();
+    const __m256i ff80 = _mm256_set1_epi16(static_cast<short>(0xFF80));
+    const __m256i f800 = _mm256_set1_epi16(static_cast<short>(0xF800));
+    __m256i ascii = _mm256_cmpeq_epi16(_mm256_and_si256(in, ff80), zero);
+    __m256i narrow = _mm256_cmpeq_epi16(_mm256_and_si256(in, f800), zero);
+    // Two bits a unit, lowest first: below U+0080, below U+0800.
+    uint32_t kinds = (static_cast<uint32_t>(_mm256_movemask_epi8(ascii)) & 0x55555555u) |
+                     (static_cast<uint32_t>(_mm256_movemask_epi8(narrow)) & 0xAAAAAAAAu);
+    // Each unit aaaabbbbbbcccccc becomes the four bytes
+    //   (its low seven bits) 10cccccc 1110aaaa 1sbbbbbb
+    // where s is 1 below U+0800 (a lead 110bbbbb) and 0 from it (a tail),
+    // so the one, two or three bytes of its UTF-8 are among them.
+    const __m256i low_byte_twice = _mm256_setr_epi8(
+        0, 0, 2, 2, 4, 4, 6, 6, 8, 8, 10, 10, 12, 12, 14, 14, 0, 0, 2, 2, 4, 4, 6, 6, 8, 8, 10, 10,
+        12, 12, 14, 14);
+    __m256i last = _mm256_or_si256(
+        _mm256_and_si256(_mm256_shuffle_epi8(in, low_byte_twice), _mm256_set1_epi16(0x3F7F)),
+        _mm256_set1_epi16(static_cast<short>(0x8000)));
+    // (bbbbbb00, 0000aaaa) to 00bbbbbb 0000aaaa by multiplying with 64 and 1.
+    __m256i upper = _mm256_maddubs_epi16(
+        _mm256_and_si256(_mm256_srli_epi16(in, 4), _mm256_set1_epi16(0x0FFC)),
+        _mm256_set1_epi16(0x0140));
+    upper = _mm256_or_si256(upper, _mm256_set1_epi16(static_cast<short>(0xC0E0)));
+    upper = _mm256_xor_si256(upper, _mm256_andnot_si256(narrow, _mm256_set1_epi16(0x4000)));
+    // Units 0-3 and 8-11, then 4-7 and 12-15.
+    __m256i first = _mm256_unpacklo_epi16(last, upper);
+    __m256i second = _mm256_unpackhi_epi16(last, upper);
+    uint32_t k0 = kinds & 0xFF, k1 = (kinds >> 8) & 0xFF;
+    uint32_t k2 = (kinds >> 16) & 0xFF, k3 = kinds >> 24;
+    first = _mm256_shuffle_epi8(first, PackShuffle(k0, k2));
+    second = _mm256_shuffle_epi8(second, PackShuffle(k1, k3));
+    size_t p1 = 12 - CountBits(k0);
+    size_t p2 = p1 + 12 - CountBits(k1);
+    size_t p3 = p2 + 12 - CountBits(k2);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm256_castsi256_si128(first));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d + p1), _mm256_castsi256_si128(second));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d + p2), _mm256_extracti128_si256(first, 1));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d + p3), _mm256_extracti128_si256(second, 1));
+    return p3 + 12 - CountBits(k3);
+}
+
 // Utf16Window on the AVX2 road, writing what it writes (64 units readable,
-// room for 128 bytes, garbage past the bytes).
+// room for 128 bytes, garbage past the bytes). With no surrogate in the
+// window its 32 units are encoded sixteen at a time; otherwise one
+// multibyte character at a time.
 __attribute__((target("avx2,popcnt"))) inline size_t Utf16FillWindowAvx2(const char16_t* s,
                                                                          uint8_t* d, size_t& bytes,
                                                                          bool strict) {
@@ -1037,6 +1117,11 @@ __attribute__((target("avx2,popcnt"))) inline size_t Utf16FillWindowAvx2(const c
     size_t taken = high >> 31 ? 31 : 32;
     uint32_t in = high >> 31 ? 0x7FFFFFFFu : 0xFFFFFFFFu;
     if (strict && ((high | low) & ~pair & in)) return 0;
+    if ((high | low) == 0) {
+        size_t p = EncodeSixteenAvx2(a, d);
+        bytes = p + EncodeSixteenAvx2(b, d + p);
+        return 32;
+    }
     size_t first =
         48 - CountBits(ascii & 0xFFFF) - CountBits(narrow & 0xFFFF) - CountBits(pair & 0xFFFF);
     bytes = 96 - CountBits(ascii) - CountBits(narrow) - CountBits(pair) - (taken == 31 ? 3 : 0);
