@@ -18,6 +18,8 @@
 // CPU time) and the ratios that the targets name, with memcpy of the same
 // 64 MiB as the limit.
 #include <benchmark/benchmark.h>
+
+#include "interleaved.h"
 #include <gmime/gmime.h>
 #include <openssl/evp.h>
 
@@ -363,24 +365,7 @@ BENCHMARK(BM_QuotedPrintableDecode_Korvane)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_QuotedPrintableDecode_GMime)->Unit(benchmark::kMillisecond);
 
 int main(int argc, char** argv) {
-    // By default three repetitions, interleaved at random, and their medians:
-    // on a shared machine the load drifts, and a ratio of two benchmarks run
-    // a minute apart would measure the drift. Flags given override these.
-    std::vector<char*> args(argv, argv + argc);
-    std::string defaults[] = {"--benchmark_repetitions=3",
-                              "--benchmark_enable_random_interleaving=true",
-                              "--benchmark_report_aggregates_only=true"};
-    for (std::string& flag : defaults) {
-        std::string name = flag.substr(0, flag.find('='));
-        bool given = false;
-        for (int k = 1; k < argc; ++k) given |= std::string(argv[k]).rfind(name, 0) == 0;
-        if (!given) args.insert(args.begin() + 1, flag.data());
-    }
-    argc = int(args.size());
-    args.push_back(nullptr);
-    argv = args.data();
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    if (!kv::bench::InitializeInterleaved(argc, argv)) return 1;
     Prepare();
     RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);

@@ -21,6 +21,8 @@
 // medians; the summary prints every client's rate per direction and the
 // channel's ratio to each peer.
 #include <benchmark/benchmark.h>
+
+#include "interleaved.h"
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <openssl/ssl.h>
@@ -390,23 +392,7 @@ BENCHMARK(BM_Upload_OpensslClient)->Unit(benchmark::kMillisecond)->Iterations(1)
 BENCHMARK(BM_Upload_OpensslLoop)->Unit(benchmark::kMillisecond)->Iterations(1)->UseManualTime();
 
 int main(int argc, char** argv) {
-    // Three repetitions, interleaved at random, and their medians: on a
-    // shared machine the load drifts between runs. Flags given override these.
-    std::vector<char*> args(argv, argv + argc);
-    std::string defaults[] = {"--benchmark_repetitions=3",
-                              "--benchmark_enable_random_interleaving=true",
-                              "--benchmark_report_aggregates_only=true"};
-    for (std::string& flag : defaults) {
-        std::string name = flag.substr(0, flag.find('='));
-        bool given = false;
-        for (int k = 1; k < argc; ++k) given |= std::string(argv[k]).rfind(name, 0) == 0;
-        if (!given) args.insert(args.begin() + 1, flag.data());
-    }
-    argc = int(args.size());
-    args.push_back(nullptr);
-    argv = args.data();
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    if (!kv::bench::InitializeInterleaved(argc, argv)) return 1;
     // A client that goes away early must not end this process through the feeding pipe.
     signal(SIGPIPE, SIG_IGN);
     struct stat st;
