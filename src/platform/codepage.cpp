@@ -11,7 +11,16 @@
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
+// GCC 12 takes the AVX-512 headers' deliberately undefined values for
+// uninitialized reads.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 #include <immintrin.h>
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
 #endif
 
 namespace kv::platform {
@@ -28,7 +37,9 @@ int Fail(uint32_t error) {
     return 0;
 }
 
-constexpr ConvertResult Err(uint32_t e) { return -static_cast<ConvertResult>(e); }
+constexpr ConvertResult Err(uint32_t e) {
+    return -static_cast<ConvertResult>(e);
+}
 
 int Normalize(int cp) {
     switch (cp) {
@@ -99,7 +110,8 @@ const uint8_t* ReverseTable(const SingleByteTable* table) {
 #if defined(__SSE2__)
 // Widens the ASCII run at s into d, 16 bytes at a time; returns its length.
 // Writes up to 16 units past the run, so the caller needs room for 16 more.
-[[gnu::always_inline]] inline size_t WidenAsciiRun(const uint8_t* s, size_t n, char16_t* d, size_t room) {
+[[gnu::always_inline]] inline size_t WidenAsciiRun(const uint8_t* s, size_t n, char16_t* d,
+                                                   size_t room) {
     size_t i = 0;
     const __m128i zero = _mm_setzero_si128();
     while (i + 16 <= n && (!d || room - i >= 16)) {
@@ -116,7 +128,8 @@ const uint8_t* ReverseTable(const SingleByteTable* table) {
 }
 
 // Narrows the ASCII run of units at s into d, 16 at a time; returns its length.
-[[gnu::always_inline]] inline size_t NarrowAsciiRun(const char16_t* s, size_t n, uint8_t* d, size_t room) {
+[[gnu::always_inline]] inline size_t NarrowAsciiRun(const char16_t* s, size_t n, uint8_t* d,
+                                                    size_t room) {
     size_t i = 0;
     const __m128i high = _mm_set1_epi16(static_cast<short>(0xFF80));
     const __m128i zero = _mm_setzero_si128();
@@ -134,7 +147,8 @@ const uint8_t* ReverseTable(const SingleByteTable* table) {
 }
 #else
 // Portable versions: eight bytes (four units) per step.
-[[gnu::always_inline]] inline size_t WidenAsciiRun(const uint8_t* s, size_t n, char16_t* d, size_t room) {
+[[gnu::always_inline]] inline size_t WidenAsciiRun(const uint8_t* s, size_t n, char16_t* d,
+                                                   size_t room) {
     size_t i = 0;
     while (i + 8 <= n && (!d || room - i >= 8)) {
         uint64_t w;
@@ -152,7 +166,8 @@ const uint8_t* ReverseTable(const SingleByteTable* table) {
     return i;
 }
 
-[[gnu::always_inline]] inline size_t NarrowAsciiRun(const char16_t* s, size_t n, uint8_t* d, size_t room) {
+[[gnu::always_inline]] inline size_t NarrowAsciiRun(const char16_t* s, size_t n, uint8_t* d,
+                                                    size_t room) {
     size_t i = 0;
     while (i + 4 <= n && (!d || room - i >= 4)) {
         uint64_t w;
@@ -196,7 +211,8 @@ ConvertResult TableToWide(const SingleByteTable* table, const uint8_t* s, size_t
             const __m128i zero = _mm_setzero_si128();
             _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i), _mm_unpacklo_epi8(v, zero));
             _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i + 8), _mm_unpackhi_epi8(v, zero));
-            for (unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(v)); mask; mask &= mask - 1) {
+            for (unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(v)); mask;
+                 mask &= mask - 1) {
                 size_t k = i + static_cast<size_t>(__builtin_ctz(mask));
                 char16_t u = map[s[k]];
                 if (u == 0xFFFD && strict) return Err(kErrorNoUnicodeTranslation);
@@ -424,8 +440,9 @@ constexpr auto kLeadLength = MakeLeadLengths();
     cp = ((((w >> 24) & kLeadBits[len]) << 18) | tails) >> (6 * (4 - len));
     // The least value per length rules out overlong forms (C0, C1, E0 80-9F,
     // F0 80-8F); the other two bounds rule out ED A0-BF and F4 90-BF and up.
-    return static_cast<int>((w & kTailMask[len]) == kTailBits[len]) & static_cast<int>(cp >= kLeast[len]) &
-           static_cast<int>(cp <= 0x10FFFF) & static_cast<int>(cp - 0xD800 >= 0x800);
+    return static_cast<int>((w & kTailMask[len]) == kTailBits[len]) &
+           static_cast<int>(cp >= kLeast[len]) & static_cast<int>(cp <= 0x10FFFF) &
+           static_cast<int>(cp - 0xD800 >= 0x800);
 }
 
 [[gnu::always_inline]] inline void StoreWidened(char16_t* d, __m128i v) {
@@ -448,7 +465,8 @@ constexpr auto kLeadLength = MakeLeadLengths();
 // Sum of the 16 bytes of v.
 [[gnu::always_inline]] inline size_t SumBytes(__m128i v) {
     __m128i sums = _mm_sad_epu8(v, _mm_setzero_si128());
-    return static_cast<size_t>(_mm_cvtsi128_si32(sums) + _mm_cvtsi128_si32(_mm_srli_si128(sums, 8)));
+    return static_cast<size_t>(_mm_cvtsi128_si32(sums) +
+                               _mm_cvtsi128_si32(_mm_srli_si128(sums, 8)));
 }
 
 // The window road for 64 bytes at s, which starts a character; 96 bytes are
@@ -517,7 +535,8 @@ template <bool kFill>
             size_t p = q - tails + pairs;
             d[p] = static_cast<char16_t>(pair ? 0xD7C0 + (cp >> 10) : cp);
             d[p + 1] = static_cast<char16_t>(0xDC00 | (cp & 0x3FF));
-            StoreWidened(d + p + 1 + pair, _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + q + len)));
+            StoreWidened(d + p + 1 + pair,
+                         _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + q + len)));
         }
         tails += len - 1;
         pairs += pair;
@@ -709,6 +728,81 @@ __attribute__((target("avx2"))) inline void StoreWidenedAvx2(char16_t* d, const 
                         _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(s))));
 }
 
+// Byte offsets of the set bits of an 8-bit mask, lowest first, with 0x80
+// (which a shuffle reads as zero, and stays so when 1 or 2 is added) in the
+// slots past the last.
+constexpr auto MakeStartOffsets() {
+    struct Offsets {
+        uint64_t of[256];
+    } t{};
+    for (int m = 0; m < 256; ++m) {
+        uint64_t v = 0x8080808080808080ull;
+        int k = 0;
+        for (int b = 0; b < 8; ++b) {
+            if ((m >> b) & 1) {
+                v = (v & ~(0xFFull << (8 * k))) | static_cast<uint64_t>(b) << (8 * k);
+                ++k;
+            }
+        }
+        t.of[m] = v;
+    }
+    return t;
+}
+constexpr auto kStartOffsets = MakeStartOffsets();
+
+// Decodes the characters that start at the set bits of `starts` in the 16
+// well-formed bytes at s (24 readable) into d (room for 24 units). Each half
+// gathers the first, second and third byte of its characters with one
+// shuffle each, in its own 128-bit lane. A character of four bytes starts
+// twice: at its lead for the high surrogate and at its third byte for the
+// low one; kFour says whether any is here. Returns the units written;
+// garbage may follow them.
+template <bool kFour>
+__attribute__((target("avx2,popcnt"))) inline size_t DecodeSixteenAvx2(const uint8_t* s,
+                                                                       uint32_t starts,
+                                                                       char16_t* d) {
+    __m256i text = _mm256_inserti128_si256(
+        _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(s))),
+        _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 8)), 1);
+    uint32_t first = starts & 0xFF, second = (starts >> 8) & 0xFF;
+    __m256i at = _mm256_inserti128_si256(
+        _mm256_castsi128_si256(_mm_cvtsi64_si128(static_cast<long long>(kStartOffsets.of[first]))),
+        _mm_cvtsi64_si128(static_cast<long long>(kStartOffsets.of[second])), 1);
+    const __m256i one = _mm256_set1_epi8(1);
+    const __m256i zero = _mm256_setzero_si256();
+    __m256i at1 = _mm256_add_epi8(at, one);
+    __m256i b0 = _mm256_unpacklo_epi8(_mm256_shuffle_epi8(text, at), zero);
+    __m256i b1 = _mm256_unpacklo_epi8(_mm256_shuffle_epi8(text, at1), zero);
+    __m256i b2 = _mm256_unpacklo_epi8(_mm256_shuffle_epi8(text, _mm256_add_epi8(at1, one)), zero);
+    // Leads here are below 80, or C2..EF, where the low five bits of a lead of
+    // three are its low four.
+    const __m256i tail_bits = _mm256_set1_epi16(0x3F);
+    __m256i two =
+        _mm256_or_si256(_mm256_slli_epi16(_mm256_and_si256(b0, _mm256_set1_epi16(0x1F)), 6),
+                        _mm256_and_si256(b1, tail_bits));
+    __m256i three = _mm256_or_si256(_mm256_slli_epi16(two, 6), _mm256_and_si256(b2, tail_bits));
+    __m256i units = _mm256_blendv_epi8(b0, two, _mm256_cmpgt_epi16(b0, _mm256_set1_epi16(0xBF)));
+    units = _mm256_blendv_epi8(units, three, _mm256_cmpgt_epi16(b0, _mm256_set1_epi16(0xDF)));
+    if (kFour) {
+        // Low surrogate at a third byte: its low four bits and the fourth
+        // byte's six. High surrogate at a lead: the top eleven bits less one.
+        __m256i low = _mm256_or_si256(_mm256_and_si256(two, _mm256_set1_epi16(0x3FF)),
+                                      _mm256_set1_epi16(static_cast<short>(0xDC00)));
+        __m256i high = _mm256_add_epi16(
+            _mm256_or_si256(_mm256_slli_epi16(_mm256_and_si256(two, _mm256_set1_epi16(0x1FF)), 2),
+                            _mm256_and_si256(_mm256_srli_epi16(b2, 4), _mm256_set1_epi16(3))),
+            _mm256_set1_epi16(static_cast<short>(0xD7C0)));
+        __m256i tail = _mm256_andnot_si256(_mm256_cmpgt_epi16(b0, _mm256_set1_epi16(0xBF)),
+                                           _mm256_cmpgt_epi16(b0, _mm256_set1_epi16(0x7F)));
+        units = _mm256_blendv_epi8(units, low, tail);
+        units = _mm256_blendv_epi8(units, high, _mm256_cmpgt_epi16(b0, _mm256_set1_epi16(0xEF)));
+    }
+    size_t in_first = static_cast<size_t>(__builtin_popcount(first));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm256_castsi256_si128(units));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d + in_first), _mm256_extracti128_si256(units, 1));
+    return in_first + static_cast<size_t>(__builtin_popcount(second));
+}
+
 // Utf8Window on the AVX2 road: the window is validated whole first, so the
 // characters are decoded without checks and written as Utf8Window writes
 // them (96 bytes readable, room for 96 units, garbage past the units).
@@ -742,32 +836,17 @@ __attribute__((target("avx2,popcnt"))) inline size_t Utf8FillWindowAvx2(const ui
         if (bad & ((2ull << taken) - 1)) return 0;
         in = (1ull << taken) - 1;
     }
-    // Each sixteen bytes where they would go with no multibyte character
-    // after their start, then each character rewrites itself and the sixteen
-    // bytes after it, in order.
-    StoreWidenedAvx2(d, s);
-    for (size_t k = 1; k < 4; ++k) {
-        uint64_t before = (1ull << (16 * k)) - 1;
-        size_t at = 16 * k - static_cast<size_t>(__builtin_popcountll(tail & before)) +
-                    static_cast<size_t>(__builtin_popcountll(four & before));
-        StoreWidenedAvx2(d + std::min(at, 16 * k), s + 16 * k);
-    }
-    size_t tails = 0, pairs = 0;
-    for (uint64_t m = leads & in; m; m &= m - 1) {
-        size_t q = static_cast<size_t>(__builtin_ctzll(m));
-        uint32_t len = kLeadLength.of[s[q]];
-        uint32_t cp;
-        (void)DecodeSequence(s + q, len, cp);  // well-formed: checked above
-        bool pair = len == 4;
-        size_t p = q - tails + pairs;
-        d[p] = static_cast<char16_t>(pair ? 0xD7C0 + (cp >> 10) : cp);
-        d[p + 1] = static_cast<char16_t>(0xDC00 | (cp & 0x3FF));
-        StoreWidenedAvx2(d + p + 1 + pair, s + q + len);
-        tails += len - 1;
-        pairs += pair;
-    }
     units = taken - static_cast<size_t>(__builtin_popcountll(tail & in)) +
             static_cast<size_t>(__builtin_popcountll(four & in));
+    uint64_t fours = four & in;
+    uint64_t starts = (~tail & in) | fours << 2;
+    size_t o = 0;
+    for (size_t k = 0; k < 64; k += 16) {
+        uint32_t here = static_cast<uint32_t>(starts >> k) & 0xFFFF;
+        o += ((starts & (fours | fours << 2)) >> k) & 0xFFFF
+                 ? DecodeSixteenAvx2<true>(s + k, here, d + o)
+                 : DecodeSixteenAvx2<false>(s + k, here, d + o);
+    }
     return taken;
 }
 
@@ -789,11 +868,174 @@ __attribute__((target("avx2,popcnt"))) ConvertResult Utf8FillAvx2(const uint8_t*
     return static_cast<ConvertResult>(o);
 }
 
-std::atomic<bool> g_avx2_allowed{true};
+// The AVX-512 road, chosen at run time where the processor can compress
+// words (VBMI2): every byte of a window is decoded as if a character started
+// there, and the units at the real starts are packed together in one step.
+#define KV_AVX512 __attribute__((target("avx512f,avx512bw,avx512vbmi,avx512vbmi2,popcnt")))
+
+KV_AVX512 inline __m512i Table64(__m256i table16) {
+    return _mm512_broadcast_i32x4(_mm256_castsi256_si128(table16));
+}
+
+// Utf8ErrorsAvx2 for 64 bytes, with nothing (ASCII) before them.
+KV_AVX512 inline __mmask64 Utf8ErrorsAvx512(__m512i in) {
+    constexpr char kShort = 1 << 0, kLong = 1 << 1, kOverlong3 = 1 << 2, kLarge = 1 << 3;
+    constexpr char kSurrogate = 1 << 4, kOverlong2 = 1 << 5, kLarge80 = 1 << 6;
+    constexpr char kTwoTails = static_cast<char>(1 << 7);
+    constexpr char kCarry = kShort | kLong | kTwoTails;
+    constexpr char kAbove = kCarry | kLarge | kLarge80;
+    constexpr char kTail = kLong | kOverlong2 | kTwoTails;
+    // Each index takes the byte k before, and 0 (ASCII) before the window.
+    const __m512i ramp = _mm512_set_epi8(
+        63, 62, 61, 60, 59, 58, 57, 56, 55, 54, 53, 52, 51, 50, 49, 48, 47, 46, 45, 44, 43, 42, 41,
+        40, 39, 38, 37, 36, 35, 34, 33, 32, 31, 30, 29, 28, 27, 26, 25, 24, 23, 22, 21, 20, 19, 18,
+        17, 16, 15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
+    const __m512i one = _mm512_set1_epi8(1);
+    __m512i back1 = _mm512_sub_epi8(ramp, one);
+    __m512i back2 = _mm512_sub_epi8(back1, one);
+    __m512i prev1 = _mm512_maskz_permutexvar_epi8(~1ull, back1, in);
+    __m512i prev2 = _mm512_maskz_permutexvar_epi8(~3ull, back2, in);
+    __m512i prev3 = _mm512_maskz_permutexvar_epi8(~7ull, _mm512_sub_epi8(back2, one), in);
+    const __m512i low4 = _mm512_set1_epi8(0x0F);
+    __m512i first_high = _mm512_shuffle_epi8(
+        Table64(Table16(kLong, kLong, kLong, kLong, kLong, kLong, kLong, kLong, kTwoTails,
+                        kTwoTails, kTwoTails, kTwoTails, kShort | kOverlong2, kShort,
+                        kShort | kOverlong3 | kSurrogate, kShort | kLarge | kLarge80)),
+        _mm512_and_si512(_mm512_srli_epi16(prev1, 4), low4));
+    __m512i first_low = _mm512_shuffle_epi8(
+        Table64(Table16(kCarry | kOverlong3 | kOverlong2 | kLarge80, kCarry | kOverlong2, kCarry,
+                        kCarry, kCarry | kLarge, kAbove, kAbove, kAbove, kAbove, kAbove, kAbove,
+                        kAbove, kAbove, kAbove | kSurrogate, kAbove, kAbove)),
+        _mm512_and_si512(prev1, low4));
+    __m512i second_high = _mm512_shuffle_epi8(
+        Table64(Table16(kShort, kShort, kShort, kShort, kShort, kShort, kShort, kShort,
+                        kTail | kOverlong3 | kLarge80, kTail | kOverlong3 | kLarge,
+                        kTail | kSurrogate | kLarge, kTail | kSurrogate | kLarge, kShort, kShort,
+                        kShort, kShort)),
+        _mm512_and_si512(_mm512_srli_epi16(in, 4), low4));
+    __m512i pairs = _mm512_and_si512(_mm512_and_si512(first_high, first_low), second_high);
+    __m512i third = _mm512_subs_epu8(prev2, _mm512_set1_epi8(static_cast<char>(0xE0 - 0x80)));
+    __m512i fourth = _mm512_subs_epu8(prev3, _mm512_set1_epi8(static_cast<char>(0xF0 - 0x80)));
+    __m512i must_tail =
+        _mm512_and_si512(_mm512_or_si512(third, fourth), _mm512_set1_epi8(kTwoTails));
+    return _mm512_test_epi8_mask(_mm512_xor_si512(must_tail, pairs),
+                                 _mm512_set1_epi8(static_cast<char>(0xFF)));
+}
+
+// Units for 32 byte positions as if a character started at each (w0..w2
+// the byte there and the two after it, widened), packed down to the
+// positions in `starts` and written at d. kFour as in DecodeSixteenAvx2,
+// with `tails` and `fours` marking the bytes of those kinds.
+template <bool kFour>
+KV_AVX512 inline size_t DecodeThirtyTwoAvx512(__m512i w0, __m512i w1, __m512i w2, __mmask32 starts,
+                                              __mmask32 two_up, __mmask32 three_up, __mmask32 tails,
+                                              __mmask32 fours, char16_t* d) {
+    const __m512i tail_bits = _mm512_set1_epi16(0x3F);
+    __m512i two =
+        _mm512_or_si512(_mm512_slli_epi16(_mm512_and_si512(w0, _mm512_set1_epi16(0x1F)), 6),
+                        _mm512_and_si512(w1, tail_bits));
+    __m512i three = _mm512_or_si512(_mm512_slli_epi16(two, 6), _mm512_and_si512(w2, tail_bits));
+    __m512i units = _mm512_mask_blend_epi16(two_up, w0, two);
+    units = _mm512_mask_blend_epi16(three_up, units, three);
+    if (kFour) {
+        __m512i low = _mm512_or_si512(_mm512_and_si512(two, _mm512_set1_epi16(0x3FF)),
+                                      _mm512_set1_epi16(static_cast<short>(0xDC00)));
+        __m512i high = _mm512_add_epi16(
+            _mm512_or_si512(_mm512_slli_epi16(_mm512_and_si512(two, _mm512_set1_epi16(0x1FF)), 2),
+                            _mm512_and_si512(_mm512_srli_epi16(w2, 4), _mm512_set1_epi16(3))),
+            _mm512_set1_epi16(static_cast<short>(0xD7C0)));
+        units = _mm512_mask_blend_epi16(tails, units, low);
+        units = _mm512_mask_blend_epi16(fours, units, high);
+    }
+    _mm512_storeu_si512(d, _mm512_maskz_compress_epi16(starts, units));
+    return static_cast<size_t>(__builtin_popcount(starts));
+}
+
+// Utf8Window on the AVX-512 road (96 bytes readable, room for 96 units,
+// garbage past the units).
+KV_AVX512 inline size_t Utf8FillWindowAvx512(const uint8_t* s, char16_t* d, size_t& units) {
+    __m512i a = _mm512_loadu_si512(s);
+    uint64_t high = _mm512_movepi8_mask(a);
+    if (high == 0) {
+        _mm512_storeu_si512(d, _mm512_cvtepu8_epi16(_mm512_castsi512_si256(a)));
+        _mm512_storeu_si512(d + 32, _mm512_cvtepu8_epi16(_mm512_extracti64x4_epi64(a, 1)));
+        units = 64;
+        return 64;
+    }
+    uint64_t two_up = _mm512_cmpge_epu8_mask(a, _mm512_set1_epi8(static_cast<char>(0xC0)));
+    uint64_t tail = high & ~two_up;
+    uint64_t leads = two_up;
+    size_t last = 63 - static_cast<size_t>(__builtin_clzll(leads | 1));
+    if (leads == 0) return 0;
+    size_t taken = last + kLeadLength.of[s[last]] > 64 ? last : 64;
+    uint64_t bad = Utf8ErrorsAvx512(a);
+    uint64_t in;
+    if (taken == 64) {
+        if (bad | (s[63] >= 0xC0) | (s[62] >= 0xE0) | (s[61] >= 0xF0)) return 0;
+        in = ~0ull;
+    } else {
+        if (bad & ((2ull << taken) - 1)) return 0;
+        in = (1ull << taken) - 1;
+    }
+    uint64_t three_up = _mm512_cmpge_epu8_mask(a, _mm512_set1_epi8(static_cast<char>(0xE0)));
+    uint64_t fours = _mm512_cmpge_epu8_mask(a, _mm512_set1_epi8(static_cast<char>(0xF0))) & in;
+    uint64_t starts = (~tail & in) | fours << 2;
+    __m512i next1 = _mm512_loadu_si512(s + 1), next2 = _mm512_loadu_si512(s + 2);
+    size_t o = 0;
+    for (int h = 0; h < 2; ++h) {
+        __m512i w0 =
+            _mm512_cvtepu8_epi16(h ? _mm512_extracti64x4_epi64(a, 1) : _mm512_castsi512_si256(a));
+        __m512i w1 = _mm512_cvtepu8_epi16(h ? _mm512_extracti64x4_epi64(next1, 1)
+                                            : _mm512_castsi512_si256(next1));
+        __m512i w2 = _mm512_cvtepu8_epi16(h ? _mm512_extracti64x4_epi64(next2, 1)
+                                            : _mm512_castsi512_si256(next2));
+        auto half = [h](uint64_t m) { return static_cast<__mmask32>(m >> (32 * h)); };
+        o += fours ? DecodeThirtyTwoAvx512<true>(w0, w1, w2, half(starts), half(two_up),
+                                                 half(three_up), half(tail), half(fours), d + o)
+                   : DecodeThirtyTwoAvx512<false>(w0, w1, w2, half(starts), half(two_up),
+                                                  half(three_up), 0, 0, d + o);
+    }
+    units = o;
+    return taken;
+}
+
+KV_AVX512 ConvertResult Utf8FillAvx512(const uint8_t* s, size_t n, char16_t* d, size_t cap,
+                                       bool strict) {
+    size_t i = 0, o = 0;
+    while (n - i >= 96 && cap - o >= 96) {
+        size_t units;
+        size_t taken = Utf8FillWindowAvx512(s + i, d + o, units);
+        if (taken) {
+            i += taken;
+            o += units;
+            continue;
+        }
+        if (ConvertResult r = Utf8ToWideCareful<true>(s, n, i, i + 64, d, cap, o, strict)) return r;
+    }
+    if (ConvertResult r = Utf8ToWideCareful<true>(s, n, i, n, d, cap, o, strict)) return r;
+    return static_cast<ConvertResult>(o);
+}
+
+// The highest road the conversions may take (tests hold each to the model).
+std::atomic<detail::UtfRoad> g_road_allowed{detail::UtfRoad::kAvx512};
+
+bool HasAvx2() {
+    return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("popcnt");
+}
+
+bool HasAvx512() {
+    return HasAvx2() && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+           __builtin_cpu_supports("avx512vbmi") && __builtin_cpu_supports("avx512vbmi2");
+}
 
 bool UseAvx2() {
-    static const bool has = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("popcnt");
-    return has && g_avx2_allowed.load(std::memory_order_relaxed);
+    static const bool has = HasAvx2();
+    return has && g_road_allowed.load(std::memory_order_relaxed) >= detail::UtfRoad::kAvx2;
+}
+
+bool UseAvx512() {
+    static const bool has = HasAvx512();
+    return has && g_road_allowed.load(std::memory_order_relaxed) >= detail::UtfRoad::kAvx512;
 }
 #endif
 
@@ -802,6 +1044,7 @@ ConvertResult Utf8ToWide(const uint8_t* s, size_t n, char16_t* d, size_t cap, bo
     if (!kFill) d = nullptr;
     size_t i = 0, o = 0;
 #if defined(__SSE2__)
+    if (kFill && UseAvx512()) return Utf8FillAvx512(s, n, d, cap, strict);
     if (UseAvx2()) return kFill ? Utf8FillAvx2(s, n, d, cap, strict) : Utf8CountAvx2(s, n, strict);
     while (n - i >= 96 && (!kFill || cap - o >= 96)) {
         size_t units;
@@ -811,7 +1054,8 @@ ConvertResult Utf8ToWide(const uint8_t* s, size_t n, char16_t* d, size_t cap, bo
             o += units;
             continue;
         }
-        if (ConvertResult r = Utf8ToWideCareful<kFill>(s, n, i, i + 64, d, cap, o, strict)) return r;
+        if (ConvertResult r = Utf8ToWideCareful<kFill>(s, n, i, i + 64, d, cap, o, strict))
+            return r;
     }
 #endif
     if (ConvertResult r = Utf8ToWideCareful<kFill>(s, n, i, n, d, cap, o, strict)) return r;
@@ -913,9 +1157,11 @@ template <bool kFill>
             return 32;
         }
         narrow[h] = test(f800, zero);
-        high |= static_cast<uint32_t>(_mm_movemask_epi8(test(fc00, _mm_set1_epi16(static_cast<short>(0xD800)))))
+        high |= static_cast<uint32_t>(
+                    _mm_movemask_epi8(test(fc00, _mm_set1_epi16(static_cast<short>(0xD800)))))
                 << (16 * h);
-        low |= static_cast<uint32_t>(_mm_movemask_epi8(test(fc00, _mm_set1_epi16(static_cast<short>(0xDC00)))))
+        low |= static_cast<uint32_t>(
+                   _mm_movemask_epi8(test(fc00, _mm_set1_epi16(static_cast<short>(0xDC00)))))
                << (16 * h);
     }
     uint32_t pair_high = high & (low >> 1);
@@ -925,7 +1171,9 @@ template <bool kFill>
     if (strict && ((high | low) & ~pair & in)) return 0;
     // Bytes per unit: 1 for ASCII, 2 below U+0800, else 3, which a pair makes
     // 2 + 2; the masks are 0xFF (-1) where true.
-    auto half_bytes = [&](int h) { return 48 - SumBytes(_mm_sub_epi8(zero, _mm_add_epi8(ascii[h], narrow[h]))); };
+    auto half_bytes = [&](int h) {
+        return 48 - SumBytes(_mm_sub_epi8(zero, _mm_add_epi8(ascii[h], narrow[h])));
+    };
     size_t first = half_bytes(0) - Popcount(pair & 0xFFFF);
     bytes = first + half_bytes(1) - Popcount(pair & 0xFFFF0000u) - (taken == 31 ? 3 : 0);
     if (kFill) {
@@ -941,14 +1189,15 @@ template <bool kFill>
             size_t len, used = 1;
             if ((pair_high >> q) & 1) {
                 u = 0x10000 + ((u - 0xD800) << 10) + (s[q + 1] - 0xDC00u);
-                seq = (0xF0 | u >> 18) | (0x80 | ((u >> 12) & 0x3F)) << 8 | (0x80 | ((u >> 6) & 0x3F)) << 16 |
-                      (0x80 | (u & 0x3F)) << 24;
+                seq = (0xF0 | u >> 18) | (0x80 | ((u >> 12) & 0x3F)) << 8 |
+                      (0x80 | ((u >> 6) & 0x3F)) << 16 | (0x80 | (u & 0x3F)) << 24;
                 len = 4;
                 used = 2;
             } else {
                 if (u - 0xD800 < 0x800) u = 0xFFFD;  // a lone surrogate
                 uint32_t two = (0xC0 | u >> 6) | (0x80 | (u & 0x3F)) << 8;
-                uint32_t three = (0xE0 | u >> 12) | (0x80 | ((u >> 6) & 0x3F)) << 8 | (0x80 | (u & 0x3F)) << 16;
+                uint32_t three =
+                    (0xE0 | u >> 12) | (0x80 | ((u >> 6) & 0x3F)) << 8 | (0x80 | (u & 0x3F)) << 16;
                 seq = u < 0x800 ? two : three;
                 len = u < 0x800 ? 2 : 3;
             }
@@ -1061,16 +1310,16 @@ __attribute__((target("avx2,popcnt"))) inline size_t EncodeSixteenAvx2(__m256i i
     //   (its low seven bits) 10cccccc 1110aaaa 1sbbbbbb
     // where s is 1 below U+0800 (a lead 110bbbbb) and 0 from it (a tail),
     // so the one, two or three bytes of its UTF-8 are among them.
-    const __m256i low_byte_twice = _mm256_setr_epi8(
-        0, 0, 2, 2, 4, 4, 6, 6, 8, 8, 10, 10, 12, 12, 14, 14, 0, 0, 2, 2, 4, 4, 6, 6, 8, 8, 10, 10,
-        12, 12, 14, 14);
+    const __m256i low_byte_twice =
+        _mm256_setr_epi8(0, 0, 2, 2, 4, 4, 6, 6, 8, 8, 10, 10, 12, 12, 14, 14, 0, 0, 2, 2, 4, 4, 6,
+                         6, 8, 8, 10, 10, 12, 12, 14, 14);
     __m256i last = _mm256_or_si256(
         _mm256_and_si256(_mm256_shuffle_epi8(in, low_byte_twice), _mm256_set1_epi16(0x3F7F)),
         _mm256_set1_epi16(static_cast<short>(0x8000)));
     // (bbbbbb00, 0000aaaa) to 00bbbbbb 0000aaaa by multiplying with 64 and 1.
-    __m256i upper = _mm256_maddubs_epi16(
-        _mm256_and_si256(_mm256_srli_epi16(in, 4), _mm256_set1_epi16(0x0FFC)),
-        _mm256_set1_epi16(0x0140));
+    __m256i upper =
+        _mm256_maddubs_epi16(_mm256_and_si256(_mm256_srli_epi16(in, 4), _mm256_set1_epi16(0x0FFC)),
+                             _mm256_set1_epi16(0x0140));
     upper = _mm256_or_si256(upper, _mm256_set1_epi16(static_cast<short>(0xC0E0)));
     upper = _mm256_xor_si256(upper, _mm256_andnot_si256(narrow, _mm256_set1_epi16(0x4000)));
     // Units 0-3 and 8-11, then 4-7 and 12-15.
@@ -1207,7 +1456,8 @@ ConvertResult WideToUtf8(const char16_t* s, size_t n, uint8_t* d, size_t cap, bo
             o += bytes;
             continue;
         }
-        if (ConvertResult r = WideToUtf8Careful<kFill>(s, n, i, i + 32, d, cap, o, strict)) return r;
+        if (ConvertResult r = WideToUtf8Careful<kFill>(s, n, i, i + 32, d, cap, o, strict))
+            return r;
     }
 #endif
     if (ConvertResult r = WideToUtf8Careful<kFill>(s, n, i, n, d, cap, o, strict)) return r;
@@ -1217,8 +1467,8 @@ ConvertResult WideToUtf8(const char16_t* s, size_t n, uint8_t* d, size_t cap, bo
 // ---------------------------------------------------------------------------
 // UTF-16 as byte text (1200 little-endian, 1201 big-endian)
 
-ConvertResult Utf16BytesToWide(bool big_endian, const uint8_t* s, size_t n, char16_t* d,
-                               size_t cap, bool strict) {
+ConvertResult Utf16BytesToWide(bool big_endian, const uint8_t* s, size_t n, char16_t* d, size_t cap,
+                               bool strict) {
     size_t units = n / 2 + (n & 1);
     if ((n & 1) && strict) return Err(kErrorNoUnicodeTranslation);
     if (!d) return static_cast<ConvertResult>(units);
@@ -1265,21 +1515,32 @@ bool TakesNoFlags(int cp) {
 
 namespace detail {
 
-bool AllowUtfAvx2(bool allow) {
+bool AllowUtfRoad(UtfRoad highest) {
 #if defined(__SSE2__)
-    g_avx2_allowed.store(allow, std::memory_order_relaxed);
-    return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("popcnt");
-#else
-    (void)allow;
+    g_road_allowed.store(highest, std::memory_order_relaxed);
+    switch (highest) {
+        case UtfRoad::kSse2:
+            return true;
+        case UtfRoad::kAvx2:
+            return HasAvx2();
+        case UtfRoad::kAvx512:
+            return HasAvx512();
+    }
     return false;
+#else
+    return highest == UtfRoad::kSse2;
 #endif
 }
 
 }  // namespace detail
 
-uint32_t GetLastError() { return t_last_error; }
+uint32_t GetLastError() {
+    return t_last_error;
+}
 
-void SetLastError(uint32_t error) { t_last_error = error; }
+void SetLastError(uint32_t error) {
+    t_last_error = error;
+}
 
 bool IsValidCodePage(int codepage) {
     int cp = Normalize(codepage);

@@ -16,19 +16,20 @@ namespace kv::platform {
 // Windows error numbers that the conversions report.
 enum : uint32_t {
     kErrorSuccess = 0,
-    kErrorInvalidParameter = 87,      // unknown code page, bad pointers
-    kErrorInsufficientBuffer = 122,   // destination too small
+    kErrorInvalidParameter = 87,     // unknown code page, bad pointers
+    kErrorInsufficientBuffer = 122,  // destination too small
     kErrorInvalidFlags = 1004,
     kErrorNoUnicodeTranslation = 1113,
 };
 
 // Flags, with the Windows values. Callers in this system pass 0.
 enum : uint32_t {
-    kMbPrecomposed = 0x1,         // accepted, no effect: the tables give precomposed text
-    kMbUseGlyphChars = 0x4,       // accepted, no effect
-    kMbErrInvalidChars = 0x8,     // invalid input fails with kErrorNoUnicodeTranslation
-    kWcErrInvalidChars = 0x80,    // 65001 and 54936: a lone surrogate fails instead of becoming U+FFFD
-    kWcNoBestFitChars = 0x400,    // accepted, no effect: nothing is ever best-fitted
+    kMbPrecomposed = 0x1,      // accepted, no effect: the tables give precomposed text
+    kMbUseGlyphChars = 0x4,    // accepted, no effect
+    kMbErrInvalidChars = 0x8,  // invalid input fails with kErrorNoUnicodeTranslation
+    kWcErrInvalidChars =
+        0x80,  // 65001 and 54936: a lone surrogate fails instead of becoming U+FFFD
+    kWcNoBestFitChars = 0x400,  // accepted, no effect: nothing is ever best-fitted
 };
 
 // src_len -1: src is NUL-terminated and the NUL is converted and counted;
@@ -65,9 +66,11 @@ bool IsValidCodePage(int codepage);
 
 namespace detail {
 
-// Tests only: false keeps the UTF-8 conversions on the SSE2 and scalar roads
-// even where the processor has AVX2. Returns whether it has.
-bool AllowUtfAvx2(bool allow);
+// Tests only: the highest road the UTF-8 conversions may take where the
+// processor has it (the careful character-at-a-time road is always there).
+// Returns whether the processor has that road.
+enum class UtfRoad { kSse2, kAvx2, kAvx512 };
+bool AllowUtfRoad(UtfRoad highest);
 
 }  // namespace detail
 

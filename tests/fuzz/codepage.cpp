@@ -1,6 +1,8 @@
 // Both directions of the code page conversion on arbitrary input: the first
 // byte picks the page, the rest is the text. Measure and fill must agree, and
 // decoding never fails with flags 0.
+#include "platform/codepage.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -9,7 +11,6 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/codepage.h"
 #include "../unit/platform/utf_reference.h"
 
 namespace {
@@ -40,15 +41,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Check(need > 0);
     std::vector<char16_t> wide(need);
     Check(MultiByteToWideChar(cp, 0, src, len, wide.data(), need) == need);
-    // UTF-8 goes through windows (AVX2 where the processor has it, else
-    // SSE2) and a careful path; each must agree with the character-at-a-time
-    // model, strict or not.
+    // UTF-8 goes through windows (on each SIMD road the processor has) and a
+    // careful path; each must agree with the character-at-a-time model,
+    // strict or not.
     if (cp == 65001) {
         std::string_view text(src, static_cast<size_t>(len));
         Check(std::u16string(wide.begin(), wide.end()) == *kv::test::Utf8ToUtf16Model(text));
         auto strict = kv::test::Utf8ToUtf16Model(text, true);
-        for (bool avx2 : {false, true}) {
-            detail::AllowUtfAvx2(avx2);
+        for (auto road :
+             {detail::UtfRoad::kSse2, detail::UtfRoad::kAvx2, detail::UtfRoad::kAvx512}) {
+            detail::AllowUtfRoad(road);
             Check(MultiByteToWideChar(cp, 0, src, len, nullptr, 0) == need);
             std::vector<char16_t> again(need);
             Check(MultiByteToWideChar(cp, 0, src, len, again.data(), need) == need);
@@ -78,15 +80,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                                     nullptr, utf ? used : &used_measure);
         Check(n > 0);
         std::vector<char> bytes(n);
-        Check(WideCharToMultiByte(cp, 0, text->data(), static_cast<int>(text->size()), bytes.data(), n,
-                                  nullptr, utf ? used : &used_fill) == n);
+        Check(WideCharToMultiByte(cp, 0, text->data(), static_cast<int>(text->size()), bytes.data(),
+                                  n, nullptr, utf ? used : &used_fill) == n);
         Check(used_measure == used_fill);
         if (cp == 65001) {
             std::u16string_view in(text->data(), text->size());
             Check(std::string(bytes.begin(), bytes.end()) == *kv::test::Utf16ToUtf8Model(in));
             auto strict = kv::test::Utf16ToUtf8Model(in, true);
-            for (bool avx2 : {false, true}) {
-                detail::AllowUtfAvx2(avx2);
+            for (auto road :
+                 {detail::UtfRoad::kSse2, detail::UtfRoad::kAvx2, detail::UtfRoad::kAvx512}) {
+                detail::AllowUtfRoad(road);
                 Check(WideCharToMultiByte(cp, 0, text->data(), static_cast<int>(text->size()),
                                           nullptr, 0) == n);
                 std::vector<char> again(n);

@@ -38,9 +38,11 @@ std::optional<std::u16string> ToWide(const std::string& bytes, uint32_t flags = 
     }
     // A roomy buffer gives the same text (what lies past the count is not promised).
     std::vector<char16_t> roomy(static_cast<size_t>(need) + 300);
-    EXPECT_EQ(MultiByteToWideChar(65001, flags, bytes.data(), len, roomy.data(), static_cast<int>(roomy.size())),
+    EXPECT_EQ(MultiByteToWideChar(65001, flags, bytes.data(), len, roomy.data(),
+                                  static_cast<int>(roomy.size())),
               need);
-    EXPECT_EQ(std::u16string(roomy.data(), static_cast<size_t>(need)), std::u16string(out.data(), static_cast<size_t>(need)));
+    EXPECT_EQ(std::u16string(roomy.data(), static_cast<size_t>(need)),
+              std::u16string(out.data(), static_cast<size_t>(need)));
     return std::u16string(out.data(), static_cast<size_t>(need));
 }
 
@@ -65,18 +67,20 @@ std::optional<std::string> ToUtf8(const std::u16string& text, uint32_t flags = 0
     return std::string(out.data(), static_cast<size_t>(need));
 }
 
-// Where the processor has AVX2 the conversions take it; every check runs
-// once on each road so both are held to the model.
+// The conversions take the highest road the processor has; every check runs
+// once with each road as the highest so all are held to the model.
 struct Road {
-    bool avx2;
+    detail::UtfRoad highest;
     const char* name;
 };
-constexpr Road kRoads[] = {{false, " (SSE2)"}, {true, " (AVX2 where present)"}};
+constexpr Road kRoads[] = {{detail::UtfRoad::kSse2, " (SSE2)"},
+                           {detail::UtfRoad::kAvx2, " (AVX2 where present)"},
+                           {detail::UtfRoad::kAvx512, " (AVX-512 where present)"}};
 
-// Puts the AVX2 road back however a check leaves.
+// Puts the highest road back however a check leaves.
 struct RoadScope {
-    explicit RoadScope(const Road& road) { detail::AllowUtfAvx2(road.avx2); }
-    ~RoadScope() { detail::AllowUtfAvx2(true); }
+    explicit RoadScope(const Road& road) { detail::AllowUtfRoad(road.highest); }
+    ~RoadScope() { detail::AllowUtfRoad(detail::UtfRoad::kAvx512); }
 };
 
 void ExpectModelToWide(const std::string& bytes, const std::string& label) {
@@ -113,12 +117,38 @@ void ExpectModelToUtf8(const std::u16string& text, const std::string& label) {
 
 // Well-formed sequences at their bounds and every kind of ill-formed one.
 const char* const kTrickyUtf8[] = {
-    "\xC2\x80", "\xDF\xBF", "\xE0\xA0\x80", "\xEF\xBF\xBF", "\xED\x9F\xBF", "\xEE\x80\x80",
-    "\xF0\x90\x80\x80", "\xF4\x8F\xBF\xBF", "\xF0\x9F\x98\x80",
-    "\xC0\x80", "\xC1\xBF", "\xE0\x80\x80", "\xE0\x9F\xBF", "\xED\xA0\x80", "\xED\xBF\xBF",
-    "\xF0\x80\x80\x80", "\xF0\x8F\xBF\xBF", "\xF4\x90\x80\x80", "\xF5\x80\x80\x80", "\xFF", "\xFE",
-    "\x80", "\xBF\xBF", "\xE2\x82", "\xF0\x9F\x98", "\xF0\x9F", "\xC3", "\xE2",
-    "\xC3\xC3\xA9", "\xE2\x82\xE2\x82\xAC", "\xF0\x9F\x98\xF0\x9F\x98\x80", "\xE2\x82\xAC\x80",
+    "\xC2\x80",
+    "\xDF\xBF",
+    "\xE0\xA0\x80",
+    "\xEF\xBF\xBF",
+    "\xED\x9F\xBF",
+    "\xEE\x80\x80",
+    "\xF0\x90\x80\x80",
+    "\xF4\x8F\xBF\xBF",
+    "\xF0\x9F\x98\x80",
+    "\xC0\x80",
+    "\xC1\xBF",
+    "\xE0\x80\x80",
+    "\xE0\x9F\xBF",
+    "\xED\xA0\x80",
+    "\xED\xBF\xBF",
+    "\xF0\x80\x80\x80",
+    "\xF0\x8F\xBF\xBF",
+    "\xF4\x90\x80\x80",
+    "\xF5\x80\x80\x80",
+    "\xFF",
+    "\xFE",
+    "\x80",
+    "\xBF\xBF",
+    "\xE2\x82",
+    "\xF0\x9F\x98",
+    "\xF0\x9F",
+    "\xC3",
+    "\xE2",
+    "\xC3\xC3\xA9",
+    "\xE2\x82\xE2\x82\xAC",
+    "\xF0\x9F\x98\xF0\x9F\x98\x80",
+    "\xE2\x82\xAC\x80",
     "\xC3\xA9\xC3\xA9\xC3\xA9\xC3\xA9",
 };
 
@@ -194,7 +224,8 @@ TEST(CodepageUtf8Windows, EveryLeadAndFollowingByteClassMeasuresAsModel) {
 TEST(CodepageUtf8Windows, DenseMultibyteTextMatchesModel) {
     // No ASCII at all, and every window boundary inside some character.
     // Runs of bytes that cannot start a sequence (F5..FF once wrote past the room).
-    for (const char* ch : {"\xC3\xA9", "\xE6\x97\xA5", "\xF0\x9F\x98\x80", "\xFF", "\xF8", "\x80", "\xF0"}) {
+    for (const char* ch :
+         {"\xC3\xA9", "\xE6\x97\xA5", "\xF0\x9F\x98\x80", "\xFF", "\xF8", "\x80", "\xF0"}) {
         for (size_t lead = 0; lead < 4; ++lead) {
             std::string bytes(lead, 'x');
             for (int k = 0; k < 400; ++k) bytes += ch;
@@ -206,7 +237,8 @@ TEST(CodepageUtf8Windows, DenseMultibyteTextMatchesModel) {
 TEST(CodepageUtf8Windows, RandomMixturesMatchModel) {
     std::mt19937 rng(20240611);
     std::vector<std::string> pieces(std::begin(kTrickyUtf8), std::end(kTrickyUtf8));
-    for (const char* ok : {"\xC3\xA9", "\xE2\x82\xAC", "\xE6\x97\xA5", "\xED\x95\x9C", "\xF0\x9F\x98\x80", "\r\n"}) {
+    for (const char* ok :
+         {"\xC3\xA9", "\xE2\x82\xAC", "\xE6\x97\xA5", "\xED\x95\x9C", "\xF0\x9F\x98\x80", "\r\n"}) {
         for (int k = 0; k < 6; ++k) pieces.push_back(ok);  // mostly well-formed
     }
     for (int round = 0; round < 1500; ++round) {
@@ -229,10 +261,22 @@ TEST(CodepageUtf8Windows, RandomMixturesMatchModel) {
 }
 
 const std::u16string kTrickyUtf16[] = {
-    u"\u0080", u"\u07FF", u"\u0800", u"\uFFFF", u"\uFFFD", u"\U0001F600", u"\U0010FFFF", u"\U00010000",
-    {char16_t(0xD800)}, {char16_t(0xDBFF)}, {char16_t(0xDC00)}, {char16_t(0xDFFF)},
-    {char16_t(0xDC00), char16_t(0xD800)}, {char16_t(0xD800), char16_t(0xD800), char16_t(0xDC00)},
-    {char16_t(0xD83D), u'a', char16_t(0xDE00)}, u"\u00E9\u00E9\u65E5\u65E5",
+    u"\u0080",
+    u"\u07FF",
+    u"\u0800",
+    u"\uFFFF",
+    u"\uFFFD",
+    u"\U0001F600",
+    u"\U0010FFFF",
+    u"\U00010000",
+    {char16_t(0xD800)},
+    {char16_t(0xDBFF)},
+    {char16_t(0xDC00)},
+    {char16_t(0xDFFF)},
+    {char16_t(0xDC00), char16_t(0xD800)},
+    {char16_t(0xD800), char16_t(0xD800), char16_t(0xDC00)},
+    {char16_t(0xD83D), u'a', char16_t(0xDE00)},
+    u"\u00E9\u00E9\u65E5\u65E5",
 };
 
 TEST(CodepageUtf8Windows, TrickyUnitsAtEveryOffsetMatchModel) {
@@ -251,9 +295,21 @@ TEST(CodepageUtf8Windows, TrickyUnitsAtEveryOffsetMatchModel) {
 
 TEST(CodepageUtf8Windows, RandomUnitsMatchModel) {
     std::mt19937 rng(77);
-    const char16_t alphabet[] = {u'a', u' ', u'\r', u'\n', u'\u00E9', u'\u07FF', u'\u0800', u'\u20AC',
-                                 u'\u65E5', u'\uFFFD', u'\uFFFF', char16_t(0xD83D), char16_t(0xDE00),
-                                 char16_t(0xDBFF), char16_t(0xDFFF)};
+    const char16_t alphabet[] = {u'a',
+                                 u' ',
+                                 u'\r',
+                                 u'\n',
+                                 u'\u00E9',
+                                 u'\u07FF',
+                                 u'\u0800',
+                                 u'\u20AC',
+                                 u'\u65E5',
+                                 u'\uFFFD',
+                                 u'\uFFFF',
+                                 char16_t(0xD83D),
+                                 char16_t(0xDE00),
+                                 char16_t(0xDBFF),
+                                 char16_t(0xDFFF)};
     for (int round = 0; round < 1500; ++round) {
         std::u16string text;
         size_t size = 1 + rng() % 300;
