@@ -186,6 +186,117 @@ const uint8_t* ReverseTable(const SingleByteTable* table) {
 }
 #endif
 
+#if defined(__SSE2__)
+bool UseAvx2();
+
+// What the AVX2 roads need of a table whose ASCII half is ASCII: where its
+// top stretch of bytes that map to the same number starts (0xA0 in 1252,
+// 0x80 in 28591, 0x100 in most), and the units of the bytes below that, by
+// high nibble, split into low and high byte planes for shuffles.
+struct TablePlan {
+    unsigned same_from;
+    alignas(16) uint8_t low[8][16];
+    alignas(16) uint8_t high[8][16];
+};
+
+__attribute__((target("avx2"))) inline __m256i Table16Of(const uint8_t* table) {
+    return _mm256_broadcastsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i*>(table)));
+}
+
+// Built on first use and kept for the life of the process, like ReverseTable.
+const TablePlan* PlanFor(const SingleByteTable* table) {
+    static std::atomic<const TablePlan*> built[128];
+    int index = table == &kAsciiTable ? 0 : 1 + static_cast<int>(table - detail::kSingleByteTables);
+    const TablePlan* plan = built[index].load(std::memory_order_acquire);
+    if (plan) return plan;
+    auto* fresh = new TablePlan{};
+    fresh->same_from = 0x100;
+    while (fresh->same_from > 0x80 &&
+           table->to_wide[fresh->same_from - 1] == fresh->same_from - 1) {
+        --fresh->same_from;
+    }
+    for (int b = 0x80; b < 0x100; ++b) {
+        fresh->low[(b >> 4) - 8][b & 15] = static_cast<uint8_t>(table->to_wide[b]);
+        fresh->high[(b >> 4) - 8][b & 15] = static_cast<uint8_t>(table->to_wide[b] >> 8);
+    }
+    const TablePlan* expected = nullptr;
+    if (!built[index].compare_exchange_strong(expected, fresh, std::memory_order_acq_rel)) {
+        delete fresh;
+        return expected;
+    }
+    return fresh;
+}
+
+// Bytes to units 32 at a time: the bytes below the plan's top stretch are
+// looked up a high nibble at a time by shuffles, the rest widened. Returns
+// the bytes done (a multiple of 32), or an error under strict.
+__attribute__((target("avx2"))) ConvertResult TableToWideAvx2(const TablePlan* plan,
+                                                              const uint8_t* s, size_t n,
+                                                              char16_t* d, bool strict) {
+    const unsigned groups = (plan->same_from - 0x80 + 15) / 16;
+    const __m256i low4 = _mm256_set1_epi8(0x0F);
+    const __m256i zero = _mm256_setzero_si256();
+    size_t i = 0;
+    for (; n - i >= 32; i += 32) {
+        __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + i));
+        __m256i low = v, high = zero;
+        if (_mm256_movemask_epi8(v) != 0 && groups) {
+            __m256i nibble = _mm256_and_si256(_mm256_srli_epi16(v, 4), low4);
+            __m256i index = _mm256_and_si256(v, low4);
+            for (unsigned g = 0; g < groups; ++g) {
+                __m256i here =
+                    _mm256_cmpeq_epi8(nibble, _mm256_set1_epi8(static_cast<char>(8 + g)));
+                low = _mm256_blendv_epi8(low, _mm256_shuffle_epi8(Table16Of(plan->low[g]), index),
+                                         here);
+                high = _mm256_blendv_epi8(
+                    high, _mm256_shuffle_epi8(Table16Of(plan->high[g]), index), here);
+            }
+            if (strict) {
+                __m256i undefined = _mm256_and_si256(
+                    _mm256_cmpeq_epi8(low, _mm256_set1_epi8(static_cast<char>(0xFD))),
+                    _mm256_cmpeq_epi8(high, _mm256_set1_epi8(static_cast<char>(0xFF))));
+                if (_mm256_movemask_epi8(undefined)) return Err(kErrorNoUnicodeTranslation);
+            }
+        }
+        __m256i first = _mm256_unpacklo_epi8(low, high), second = _mm256_unpackhi_epi8(low, high);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + i),
+                            _mm256_permute2x128_si256(first, second, 0x20));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + i + 16),
+                            _mm256_permute2x128_si256(first, second, 0x31));
+    }
+    return static_cast<ConvertResult>(i);
+}
+
+// 0xFFFF in the units of u that are ASCII or in [from, from + span].
+__attribute__((target("avx2"))) inline __m256i Direct(__m256i u, __m256i from, __m256i span) {
+    __m256i above = _mm256_sub_epi16(u, from);
+    return _mm256_or_si256(_mm256_cmpeq_epi16(_mm256_min_epu16(u, _mm256_set1_epi16(0x7F)), u),
+                           _mm256_cmpeq_epi16(_mm256_min_epu16(above, span), above));
+}
+
+// Units to bytes 32 at a time: ASCII and the plan's top stretch narrowed,
+// the rest through `one`. Returns the units done (a multiple of 32).
+template <class One>
+__attribute__((target("avx2"))) size_t WideToTableAvx2(const TablePlan* plan, const char16_t* s,
+                                                       size_t n, uint8_t* d, One one) {
+    // With no top stretch the second range is ASCII again.
+    unsigned lowest = plan->same_from < 0x100 ? plan->same_from : 0;
+    const __m256i from = _mm256_set1_epi16(static_cast<short>(lowest));
+    const __m256i span = _mm256_set1_epi16(static_cast<short>(lowest ? 0xFF - lowest : 0x7F));
+    size_t i = 0;
+    for (; n - i >= 32; i += 32) {
+        __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + i));
+        __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + i + 16));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + i),
+                            _mm256_permute4x64_epi64(_mm256_packus_epi16(a, b), 0xD8));
+        uint32_t kept = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_permute4x64_epi64(
+            _mm256_packs_epi16(Direct(a, from, span), Direct(b, from, span)), 0xD8)));
+        for (uint32_t m = ~kept; m; m &= m - 1) one(i + static_cast<size_t>(__builtin_ctz(m)));
+    }
+    return i;
+}
+#endif
+
 // Every byte gives one unit, so the count is known without reading the text
 // unless undefined bytes must be caught.
 ConvertResult TableToWide(const SingleByteTable* table, const uint8_t* s, size_t n, char16_t* d,
@@ -201,6 +312,13 @@ ConvertResult TableToWide(const SingleByteTable* table, const uint8_t* s, size_t
     }
     if (cap < n) return Err(kErrorInsufficientBuffer);
     size_t i = 0;
+#if defined(__SSE2__)
+    if (table->ascii_identity && n >= 32 && UseAvx2()) {
+        ConvertResult done = TableToWideAvx2(PlanFor(table), s, n, d, strict);
+        if (done < 0) return done;
+        i = static_cast<size_t>(done);
+    }
+#endif
     if (table->ascii_identity) {
         // Blocks of 16: widened at once when all ASCII, else looked up one by
         // one without leaving the block, which keeps mixed text fast.
@@ -265,6 +383,10 @@ ConvertResult WideToTable(const SingleByteTable* table, const char16_t* s, size_
         if (d) d[k] = b;
     };
     size_t i = 0;
+#if defined(__SSE2__)
+    if (table->ascii_identity && d && n >= 32 && UseAvx2())
+        i = WideToTableAvx2(PlanFor(table), s, n, d, one);
+#endif
     if (table->ascii_identity) {
         while (n - i >= 16) {
 #if defined(__SSE2__)
@@ -871,7 +993,7 @@ __attribute__((target("avx2,popcnt"))) ConvertResult Utf8FillAvx2(const uint8_t*
 // The AVX-512 road, chosen at run time where the processor can compress
 // words (VBMI2): every byte of a window is decoded as if a character started
 // there, and the units at the real starts are packed together in one step.
-#define KV_AVX512 __attribute__((target("avx512f,avx512bw,avx512vbmi,avx512vbmi2,popcnt")))
+#define KV_AVX512 __attribute__((target("avx512f,avx512bw,avx512vl,avx512vbmi,avx512vbmi2,popcnt")))
 
 KV_AVX512 inline __m512i Table64(__m256i table16) {
     return _mm512_broadcast_i32x4(_mm256_castsi256_si128(table16));
@@ -1025,7 +1147,8 @@ bool HasAvx2() {
 
 bool HasAvx512() {
     return HasAvx2() && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-           __builtin_cpu_supports("avx512vbmi") && __builtin_cpu_supports("avx512vbmi2");
+           __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512vbmi") &&
+           __builtin_cpu_supports("avx512vbmi2");
 }
 
 bool UseAvx2() {
@@ -1422,6 +1545,125 @@ __attribute__((target("avx2,popcnt"))) ConvertResult Utf16FillAvx2(const char16_
     return static_cast<ConvertResult>(o);
 }
 
+// a | b | c, and (a & b) | c, in one instruction each.
+KV_AVX512 inline __m512i Or3(__m512i a, __m512i b, __m512i c) {
+    return _mm512_ternarylogic_epi32(a, b, c, 0xFE);
+}
+KV_AVX512 inline __m512i AndOr(__m512i a, __m512i b, __m512i c) {
+    return _mm512_ternarylogic_epi32(a, b, c, 0xEA);
+}
+
+// UTF-8 for 16 units widened to 32 bits in v, with `next` the unit after
+// each: in each lane the bytes of its character back to back from the
+// lowest, and their number in `len` (a lone surrogate must already be
+// U+FFFD; the high unit of a pair writes all four bytes, the low one none;
+// kPairs says whether there are any).
+template <bool kPairs>
+KV_AVX512 inline __m512i EncodeSixteenAvx512(__m512i v, __m512i next, __mmask16 pair_high,
+                                             __mmask16 pair_low, __mmask16 in, __m512i& len) {
+    const __m512i six = _mm512_set1_epi32(0x3F);
+    const __m512i tail = _mm512_set1_epi32(0x80);
+    __m512i v6 = _mm512_srli_epi32(v, 6);
+    __m512i t0 = AndOr(v, six, tail);
+    __m512i t1 = AndOr(v6, six, tail);
+    __m512i two = Or3(v6, _mm512_set1_epi32(0xC0), _mm512_slli_epi32(t0, 8));
+    __m512i three =
+        Or3(Or3(_mm512_srli_epi32(v, 12), _mm512_set1_epi32(0xE0), _mm512_slli_epi32(t1, 8)),
+            _mm512_slli_epi32(t0, 16), _mm512_setzero_si512());
+    __mmask16 below80 = _mm512_cmplt_epu32_mask(v, _mm512_set1_epi32(0x80));
+    __mmask16 below800 = _mm512_cmplt_epu32_mask(v, _mm512_set1_epi32(0x800));
+    __m512i out = _mm512_mask_blend_epi32(below800, three, two);
+    out = _mm512_mask_blend_epi32(below80, out, v);
+    const __m512i one = _mm512_set1_epi32(1);
+    len = _mm512_set1_epi32(3);
+    len = _mm512_mask_sub_epi32(len, below800, len, one);
+    len = _mm512_mask_sub_epi32(len, below80, len, one);
+    if (kPairs) {
+        // 0x10000 + (high - 0xD800) * 0x400 + (low - 0xDC00)
+        __m512i c = _mm512_add_epi32(_mm512_add_epi32(_mm512_slli_epi32(v, 10), next),
+                                     _mm512_set1_epi32(0x10000 - (0xD800 << 10) - 0xDC00));
+        __m512i four = Or3(Or3(_mm512_srli_epi32(c, 18), _mm512_set1_epi32(0xF0),
+                               _mm512_slli_epi32(AndOr(_mm512_srli_epi32(c, 12), six, tail), 8)),
+                           _mm512_slli_epi32(AndOr(_mm512_srli_epi32(c, 6), six, tail), 16),
+                           _mm512_slli_epi32(AndOr(c, six, tail), 24));
+        out = _mm512_mask_blend_epi32(pair_high, out, four);
+        len = _mm512_mask_mov_epi32(len, pair_high, _mm512_set1_epi32(4));
+    }
+    len = _mm512_maskz_mov_epi32(in & ~pair_low, len);
+    return out;
+}
+
+// Utf16Window on the AVX-512 road (64 units readable, room for 128 bytes,
+// garbage past the bytes).
+KV_AVX512 inline size_t Utf16FillWindowAvx512(const char16_t* s, uint8_t* d, size_t& bytes,
+                                              bool strict) {
+    __m512i u = _mm512_loadu_si512(s);
+    __mmask32 ascii = _mm512_cmplt_epu16_mask(u, _mm512_set1_epi16(0x80));
+    if (ascii == 0xFFFFFFFFu) {
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(d), _mm512_cvtepi16_epi8(u));
+        bytes = 32;
+        return 32;
+    }
+    const __m512i fc00 = _mm512_set1_epi16(static_cast<short>(0xFC00));
+    __m512i top = _mm512_and_si512(u, fc00);
+    uint32_t high = _mm512_cmpeq_epi16_mask(top, _mm512_set1_epi16(static_cast<short>(0xD800)));
+    uint32_t low = _mm512_cmpeq_epi16_mask(top, _mm512_set1_epi16(static_cast<short>(0xDC00)));
+    uint32_t pair_high = high & (low >> 1);
+    uint32_t pair_low = pair_high << 1;
+    size_t taken = high >> 31 ? 31 : 32;
+    uint32_t in = high >> 31 ? 0x7FFFFFFFu : 0xFFFFFFFFu;
+    uint32_t lone = (high | low) & ~(pair_high | pair_low) & in;
+    if (strict && lone) return 0;
+    u = _mm512_mask_mov_epi16(u, lone, _mm512_set1_epi16(static_cast<short>(0xFFFD)));
+    __m512i next = pair_high ? _mm512_loadu_si512(s + 1) : _mm512_setzero_si512();
+    // Byte k of each lane is kept while k is below the lane's length.
+    const __m512i byte_index = _mm512_set1_epi32(0x03020100);
+    const __m512i spread = _mm512_set4_epi32(0x0C0C0C0C, 0x08080808, 0x04040404, 0x00000000);
+    size_t o = 0;
+    for (int h = 0; h < 2; ++h) {
+        __m256i half = h ? _mm512_extracti64x4_epi64(u, 1) : _mm512_castsi512_si256(u);
+        if (static_cast<uint16_t>(ascii >> (16 * h)) == 0xFFFF) {
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(d + o), _mm256_cvtepi16_epi8(half));
+            o += 16;
+            continue;
+        }
+        auto part = [h](uint32_t m) { return static_cast<__mmask16>(m >> (16 * h)); };
+        __m512i len, out;
+        if (part(pair_high | pair_low)) {
+            __m256i half_next =
+                h ? _mm512_extracti64x4_epi64(next, 1) : _mm512_castsi512_si256(next);
+            out = EncodeSixteenAvx512<true>(_mm512_cvtepu16_epi32(half),
+                                            _mm512_cvtepu16_epi32(half_next), part(pair_high),
+                                            part(pair_low), part(in), len);
+        } else {
+            out = EncodeSixteenAvx512<false>(_mm512_cvtepu16_epi32(half), _mm512_setzero_si512(), 0,
+                                             0, part(in), len);
+        }
+        __mmask64 keep = _mm512_cmplt_epu8_mask(byte_index, _mm512_shuffle_epi8(len, spread));
+        _mm512_storeu_si512(d + o, _mm512_maskz_compress_epi8(keep, out));
+        o += static_cast<size_t>(__builtin_popcountll(keep));
+    }
+    bytes = o;
+    return taken;
+}
+
+KV_AVX512 ConvertResult Utf16FillAvx512(const char16_t* s, size_t n, uint8_t* d, size_t cap,
+                                        bool strict) {
+    size_t i = 0, o = 0;
+    while (n - i >= 64 && cap - o >= 128) {
+        size_t bytes;
+        size_t taken = Utf16FillWindowAvx512(s + i, d + o, bytes, strict);
+        if (taken) {
+            i += taken;
+            o += bytes;
+            continue;
+        }
+        if (ConvertResult r = WideToUtf8Careful<true>(s, n, i, i + 32, d, cap, o, strict)) return r;
+    }
+    if (ConvertResult r = WideToUtf8Careful<true>(s, n, i, n, d, cap, o, strict)) return r;
+    return static_cast<ConvertResult>(o);
+}
+
 __attribute__((target("avx2,popcnt"))) ConvertResult Utf16CountAvx2(const char16_t* s, size_t n,
                                                                     bool strict) {
     size_t i = 0, o = 0;
@@ -1446,6 +1688,7 @@ ConvertResult WideToUtf8(const char16_t* s, size_t n, uint8_t* d, size_t cap, bo
     if (!kFill) d = nullptr;
     size_t i = 0, o = 0;
 #if defined(__SSE2__)
+    if (kFill && UseAvx512()) return Utf16FillAvx512(s, n, d, cap, strict);
     if (UseAvx2())
         return kFill ? Utf16FillAvx2(s, n, d, cap, strict) : Utf16CountAvx2(s, n, strict);
     while (n - i >= 64 && (!kFill || cap - o >= 128)) {

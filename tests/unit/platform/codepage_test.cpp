@@ -2,10 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
+
+#include "platform/codepage_tables.h"
 
 namespace kv::platform {
 namespace {
@@ -19,10 +22,12 @@ struct Decoded {
 // Measures, fills a buffer of exactly that size, and checks the two agree.
 Decoded Decode(int cp, std::string_view bytes, uint32_t flags = 0) {
     SetLastError(0);
-    int need = MultiByteToWideChar(cp, flags, bytes.data(), static_cast<int>(bytes.size()), nullptr, 0);
+    int need =
+        MultiByteToWideChar(cp, flags, bytes.data(), static_cast<int>(bytes.size()), nullptr, 0);
     if (need == 0) return {false, {}, GetLastError()};
     std::u16string out(need, u'\0');
-    int got = MultiByteToWideChar(cp, flags, bytes.data(), static_cast<int>(bytes.size()), out.data(), need);
+    int got = MultiByteToWideChar(cp, flags, bytes.data(), static_cast<int>(bytes.size()),
+                                  out.data(), need);
     EXPECT_EQ(got, need) << "code page " << cp;
     return {true, out, GetLastError()};
 }
@@ -38,8 +43,8 @@ Encoded Encode(int cp, std::u16string_view text, uint32_t flags = 0, const char*
                bool want_used = true) {
     SetLastError(0);
     bool used_measure = false, used_fill = false;
-    int need = WideCharToMultiByte(cp, flags, text.data(), static_cast<int>(text.size()), nullptr, 0,
-                                   def, want_used ? &used_measure : nullptr);
+    int need = WideCharToMultiByte(cp, flags, text.data(), static_cast<int>(text.size()), nullptr,
+                                   0, def, want_used ? &used_measure : nullptr);
     if (need == 0) return {false, {}, GetLastError(), false};
     std::string out(need, '\0');
     int got = WideCharToMultiByte(cp, flags, text.data(), static_cast<int>(text.size()), out.data(),
@@ -73,8 +78,14 @@ TEST(CodepageUtf8, DecodesWellFormedAndReplacesMaximalSubparts) {
         {"lone continuation", "a\x80z", {u'a', kFffd, u'z'}},
         {"truncated at end", "a\xE2\x82", {u'a', kFffd}},
         {"truncated lead only", "\xC3", {kFffd}},
-        {"truncated before ascii", "\xE2\x82" "A", {kFffd, u'A'}},
-        {"truncated four before ascii", "\xF0\x9F\x98" "A", {kFffd, u'A'}},
+        {"truncated before ascii",
+         "\xE2\x82"
+         "A",
+         {kFffd, u'A'}},
+        {"truncated four before ascii",
+         "\xF0\x9F\x98"
+         "A",
+         {kFffd, u'A'}},
         {"good after bad", "\xC3\xC3\xA9", {kFffd, u'\u00E9'}},
     };
     for (const Case& c : cases) {
@@ -103,7 +114,10 @@ TEST(CodepageUtf8, Encodes) {
         {"two byte", u"\u00E9", "\xC3\xA9"},
         {"three byte", u"\u20AC", "\xE2\x82\xAC"},
         {"pair", u"\U0001F600", "\xF0\x9F\x98\x80"},
-        {"lone high", {u'a', char16_t(0xD800), u'b'}, "a\xEF\xBF\xBD" "b"},
+        {"lone high",
+         {u'a', char16_t(0xD800), u'b'},
+         "a\xEF\xBF\xBD"
+         "b"},
         {"lone low", {char16_t(0xDC00)}, "\xEF\xBF\xBD"},
         {"high at end", {u'a', char16_t(0xDBFF)}, "a\xEF\xBF\xBD"},
         {"swapped pair", {char16_t(0xDC00), char16_t(0xD800)}, "\xEF\xBF\xBD\xEF\xBF\xBD"},
@@ -113,7 +127,8 @@ TEST(CodepageUtf8, Encodes) {
         ASSERT_TRUE(e.ok) << c.name;
         EXPECT_EQ(e.bytes, c.want) << c.name;
     }
-    Encoded strict = Encode(65001, std::u16string{u'a', char16_t(0xD800)}, kWcErrInvalidChars, nullptr, false);
+    Encoded strict =
+        Encode(65001, std::u16string{u'a', char16_t(0xD800)}, kWcErrInvalidChars, nullptr, false);
     EXPECT_FALSE(strict.ok);
     EXPECT_EQ(strict.error, kErrorNoUnicodeTranslation);
 }
@@ -196,7 +211,7 @@ TEST(CodepageSingleByte, DecodesSpecialPages) {
     } cases[] = {
         {28591, "\x80\xA4\xFF", u"\u0080\u00A4\u00FF"},
         {28605, "\xA4", u"\u20AC"},
-        {20127, "A\xC1\xE9", u"AAi"},  // the high bit is dropped
+        {20127, "A\xC1\xE9", u"AAi"},      // the high bit is dropped
         {1, "\xB0\x82", u"\u2591\u00E9"},  // OEM is 437
         {2, "\xDB\xA5", u"\u20AC\u2022"},  // Mac is 10000
         {1251, "\xC6\x98", u"\u0416\u0098"},
@@ -212,6 +227,57 @@ TEST(CodepageSingleByte, DecodesSpecialPages) {
     Decoded strict = Decode(1253, "a\xAA", kMbErrInvalidChars);
     EXPECT_FALSE(strict.ok);
     EXPECT_EQ(strict.error, kErrorNoUnicodeTranslation);
+}
+
+// Long text takes the vector roads, a character alone the plain one: every
+// single-byte table must give the same either way, strict or not, with AVX2
+// allowed or not.
+TEST(CodepageSingleByte, LongTextConvertsAsItsCharactersOneAtATime) {
+    std::mt19937 rng(7);
+    std::vector<int> pages{20127};
+    for (int t = 0; t < detail::kSingleByteTableCount; ++t)
+        pages.push_back(detail::kSingleByteTables[t].codepage);
+    for (int cp : pages) {
+        SCOPED_TRACE(testing::Message() << "code page " << cp);
+        // Mostly ASCII with high bytes in between, so blocks of every mixture occur.
+        std::string bytes(300, '\0');
+        for (char& b : bytes)
+            b = static_cast<char>(rng() % 4 ? 'a' + rng() % 26 : 0x80 + rng() % 128);
+        std::u16string single;
+        for (char b : bytes) single += Decode(cp, std::string_view(&b, 1)).text;
+        bool undefined = single.find(kFffd) != std::u16string::npos;
+        // Back: the same characters with unmappable ones and surrogates between.
+        std::u16string wide = single;
+        const char16_t strangers[] = {u'\u4E00', u'\u0100',        u'\u20AC',       u'\u00FF',
+                                      u'\u0080', char16_t(0xD83D), char16_t(0xDE00)};
+        for (size_t k = 0; k < 60; ++k) wide[rng() % wide.size()] = strangers[rng() % 7];
+        std::string encoded;
+        bool any_default = false;
+        for (char16_t u : wide) {
+            Encoded e = Encode(cp, std::u16string_view(&u, 1));
+            encoded += e.bytes;
+            any_default |= e.used_default;
+        }
+        for (auto road : {detail::UtfRoad::kSse2, detail::UtfRoad::kAvx512}) {
+            detail::AllowUtfRoad(road);
+            EXPECT_EQ(Decode(cp, bytes).text, single);
+            Decoded strict = Decode(cp, bytes, kMbErrInvalidChars);
+            EXPECT_EQ(strict.ok, !undefined);
+            if (undefined) {
+                EXPECT_EQ(strict.error, kErrorNoUnicodeTranslation);
+            }
+            // Filling without measuring first must catch them too.
+            std::u16string room(bytes.size(), u'\0');
+            EXPECT_EQ(MultiByteToWideChar(cp, kMbErrInvalidChars, bytes.data(),
+                                          static_cast<int>(bytes.size()), room.data(),
+                                          static_cast<int>(room.size())) != 0,
+                      !undefined);
+            Encoded whole = Encode(cp, wide);
+            EXPECT_EQ(whole.bytes, encoded);
+            EXPECT_EQ(whole.used_default, any_default);
+        }
+        detail::AllowUtfRoad(detail::UtfRoad::kAvx512);
+    }
 }
 
 TEST(CodepageUtf16, ReadsAndWritesByteText) {
@@ -234,20 +300,46 @@ TEST(CodepageContract, ErrorsAreReportedPerCase) {
         int (*call)();
         uint32_t error;
     } cases[] = {
-        {"src_len 0", [] { return MultiByteToWideChar(1252, 0, "a", 0, nullptr, 0); }, kErrorInvalidParameter},
-        {"src_len -2", [] { return MultiByteToWideChar(1252, 0, "a", -2, nullptr, 0); }, kErrorInvalidParameter},
-        {"null src", [] { return MultiByteToWideChar(1252, 0, nullptr, 1, nullptr, 0); }, kErrorInvalidParameter},
-        {"negative dst_len", [] { char16_t w[4]; return MultiByteToWideChar(1252, 0, "a", 1, w, -1); }, kErrorInvalidParameter},
-        {"unknown page", [] { return MultiByteToWideChar(12345, 0, "a", 1, nullptr, 0); }, kErrorInvalidParameter},
-        {"page 42", [] { return MultiByteToWideChar(42, 0, "a", 1, nullptr, 0); }, kErrorInvalidParameter},
-        {"utf-8 with precomposed", [] { return MultiByteToWideChar(65001, kMbPrecomposed, "a", 1, nullptr, 0); }, kErrorInvalidFlags},
-        {"utf-7 with flags", [] { return MultiByteToWideChar(65000, kMbErrInvalidChars, "a", 1, nullptr, 0); }, kErrorInvalidFlags},
-        {"unknown flag", [] { return MultiByteToWideChar(1252, 0x100, "a", 1, nullptr, 0); }, kErrorInvalidFlags},
-        {"wc src_len 0", [] { return WideCharToMultiByte(1252, 0, u"a", 0, nullptr, 0); }, kErrorInvalidParameter},
-        {"wc unknown page", [] { return WideCharToMultiByte(777, 0, u"a", 1, nullptr, 0); }, kErrorInvalidParameter},
-        {"wc default on utf-8", [] { return WideCharToMultiByte(65001, 0, u"a", 1, nullptr, 0, "?"); }, kErrorInvalidParameter},
-        {"wc used on utf-7", [] { bool used; return WideCharToMultiByte(65000, 0, u"a", 1, nullptr, 0, nullptr, &used); }, kErrorInvalidParameter},
-        {"wc err flag on 1252", [] { return WideCharToMultiByte(1252, kWcErrInvalidChars, u"a", 1, nullptr, 0); }, kErrorInvalidFlags},
+        {"src_len 0", [] { return MultiByteToWideChar(1252, 0, "a", 0, nullptr, 0); },
+         kErrorInvalidParameter},
+        {"src_len -2", [] { return MultiByteToWideChar(1252, 0, "a", -2, nullptr, 0); },
+         kErrorInvalidParameter},
+        {"null src", [] { return MultiByteToWideChar(1252, 0, nullptr, 1, nullptr, 0); },
+         kErrorInvalidParameter},
+        {"negative dst_len",
+         [] {
+             char16_t w[4];
+             return MultiByteToWideChar(1252, 0, "a", 1, w, -1);
+         },
+         kErrorInvalidParameter},
+        {"unknown page", [] { return MultiByteToWideChar(12345, 0, "a", 1, nullptr, 0); },
+         kErrorInvalidParameter},
+        {"page 42", [] { return MultiByteToWideChar(42, 0, "a", 1, nullptr, 0); },
+         kErrorInvalidParameter},
+        {"utf-8 with precomposed",
+         [] { return MultiByteToWideChar(65001, kMbPrecomposed, "a", 1, nullptr, 0); },
+         kErrorInvalidFlags},
+        {"utf-7 with flags",
+         [] { return MultiByteToWideChar(65000, kMbErrInvalidChars, "a", 1, nullptr, 0); },
+         kErrorInvalidFlags},
+        {"unknown flag", [] { return MultiByteToWideChar(1252, 0x100, "a", 1, nullptr, 0); },
+         kErrorInvalidFlags},
+        {"wc src_len 0", [] { return WideCharToMultiByte(1252, 0, u"a", 0, nullptr, 0); },
+         kErrorInvalidParameter},
+        {"wc unknown page", [] { return WideCharToMultiByte(777, 0, u"a", 1, nullptr, 0); },
+         kErrorInvalidParameter},
+        {"wc default on utf-8",
+         [] { return WideCharToMultiByte(65001, 0, u"a", 1, nullptr, 0, "?"); },
+         kErrorInvalidParameter},
+        {"wc used on utf-7",
+         [] {
+             bool used;
+             return WideCharToMultiByte(65000, 0, u"a", 1, nullptr, 0, nullptr, &used);
+         },
+         kErrorInvalidParameter},
+        {"wc err flag on 1252",
+         [] { return WideCharToMultiByte(1252, kWcErrInvalidChars, u"a", 1, nullptr, 0); },
+         kErrorInvalidFlags},
     };
     for (const Case& c : cases) {
         SetLastError(0);
@@ -266,9 +358,14 @@ TEST(CodepageContract, BufferSizesAndTerminator) {
     } cases[] = {
         {65001, "h\xC3\xA9llo w\xF0\x9F\x98\x80rld, and a long ASCII tail to cross a block",
          u"h\u00E9llo w\U0001F600rld, and a long ASCII tail to cross a block"},
-        {1252, "caf\xE9 \x80 and a long ASCII tail to cross a block", u"caf\u00E9 \u20AC and a long ASCII tail to cross a block"},
+        {1252, "caf\xE9 \x80 and a long ASCII tail to cross a block",
+         u"caf\u00E9 \u20AC and a long ASCII tail to cross a block"},
         {1251, "\xCF\xF0\xE8\xE2\xE5\xF2", u"\u041F\u0440\u0438\u0432\u0435\u0442"},
-        {932, "\x93\xFA\x96\x7B" "abc", u"\u65E5\u672C" "abc"},
+        {932,
+         "\x93\xFA\x96\x7B"
+         "abc",
+         u"\u65E5\u672C"
+         "abc"},
         {50220, "\x1B$BF|K\\\x1B(B", u"\u65E5\u672C"},
         {54936, "\x90\x30\x81\x30", u"\U00010000"},
     };
@@ -292,18 +389,21 @@ TEST(CodepageContract, BufferSizesAndTerminator) {
         EXPECT_EQ(bytes, c.bytes) << c.cp;
 
         std::vector<char16_t> wz(w + 1, u'x');
-        EXPECT_EQ(MultiByteToWideChar(c.cp, 0, c.bytes.c_str(), -1, wz.data(), w + 1), w + 1) << c.cp;
+        EXPECT_EQ(MultiByteToWideChar(c.cp, 0, c.bytes.c_str(), -1, wz.data(), w + 1), w + 1)
+            << c.cp;
         EXPECT_EQ(wz[w], u'\0') << c.cp;
         std::vector<char> bz(n + 1, 'x');
-        EXPECT_EQ(WideCharToMultiByte(c.cp, 0, c.wide.c_str(), -1, bz.data(), n + 1), n + 1) << c.cp;
+        EXPECT_EQ(WideCharToMultiByte(c.cp, 0, c.wide.c_str(), -1, bz.data(), n + 1), n + 1)
+            << c.cp;
         EXPECT_EQ(bz[n], '\0') << c.cp;
     }
 }
 
 TEST(CodepageContract, KnowsWhichPagesAreValid) {
-    for (int cp : {0, 1, 2, 3, 437, 850, 866, 874, 932, 936, 949, 950, 1200, 1201, 1250, 1252, 1258,
-                   1361, 10000, 20127, 20866, 20932, 21866, 28591, 28592, 28605, 50220, 50221, 50222,
-                   50225, 51932, 51949, 54936, 65000, 65001}) {
+    for (int cp :
+         {0,     1,     2,     3,     437,   850,   866,   874,   932,   936,   949,   950,
+          1200,  1201,  1250,  1252,  1258,  1361,  10000, 20127, 20866, 20932, 21866, 28591,
+          28592, 28605, 50220, 50221, 50222, 50225, 51932, 51949, 54936, 65000, 65001}) {
         EXPECT_TRUE(IsValidCodePage(cp)) << cp;
     }
     for (int cp : {-1, 4, 42, 28602, 12345, 65002, 99999}) EXPECT_FALSE(IsValidCodePage(cp)) << cp;
@@ -326,7 +426,11 @@ TEST(CodepageIconv, MultibytePages) {
         {51949, "\xC7\xD1", u"\uD55C"},
         {20932, "\xC6\xFC", u"\u65E5"},
         {51932, "\xC6\xFC", u"\u65E5"},
-        {50225, "\x1B$)C\x0E\x47\x51\x0F" "a", u"\uD55C" "a"},
+        {50225,
+         "\x1B$)C\x0E\x47\x51\x0F"
+         "a",
+         u"\uD55C"
+         "a"},
         {65000, "Hi Mom -+Jjo--!", u"Hi Mom -\u263A-!"},
         {65000, "+ZeVnLIqe-", u"\u65E5\u672C\u8A9E"},
     };
@@ -353,8 +457,11 @@ TEST(CodepageIconv, InvalidInputNeverFails) {
         std::u16string wide;
     } cases[] = {
         {932, "a\x81 b", {u'a', kFffd, u' ', u'b'}},  // lead byte, then no trail byte
-        {932, "a\x93", {u'a', kFffd}},              // cut off at the end
-        {936, "\xFF" "a", {kFffd, u'a'}},
+        {932, "a\x93", {u'a', kFffd}},                // cut off at the end
+        {936,
+         "\xFF"
+         "a",
+         {kFffd, u'a'}},
         {50220, "\x1B$BF|\x1B(Ba\xFF", {u'\u65E5', u'a', kFffd}},
     };
     for (const Case& c : cases) {
@@ -364,7 +471,8 @@ TEST(CodepageIconv, InvalidInputNeverFails) {
         Decoded strict = Decode(c.cp, c.bytes, kMbErrInvalidChars);
         EXPECT_FALSE(strict.ok) << c.cp;
         // The ISO-2022 pages take no flags at all.
-        EXPECT_EQ(strict.error, c.cp == 50220 ? kErrorInvalidFlags : kErrorNoUnicodeTranslation) << c.cp;
+        EXPECT_EQ(strict.error, c.cp == 50220 ? kErrorInvalidFlags : kErrorNoUnicodeTranslation)
+            << c.cp;
     }
 }
 
@@ -418,7 +526,8 @@ TEST(CodepageIconv, ThreadsConvertIndependently) {
     auto round_trip = [&](int cp) {
         char buf[128];
         char16_t back[64];
-        int n = WideCharToMultiByte(cp, 0, text.data(), static_cast<int>(text.size()), buf, sizeof buf);
+        int n =
+            WideCharToMultiByte(cp, 0, text.data(), static_cast<int>(text.size()), buf, sizeof buf);
         int m = n ? MultiByteToWideChar(cp, 0, buf, n, back, 64) : 0;
         return std::string(buf, n) + "|" + std::string(reinterpret_cast<char*>(back), m * 2);
     };
