@@ -187,6 +187,17 @@ const uint8_t* ReverseTable(const SingleByteTable* table) {
 #endif
 
 #if defined(__SSE2__)
+// Hardware prefetchers (notably under virtual machines) fall behind a
+// stream that is also busy computing; asking for the input a little ahead
+// keeps the long conversions' loads coming from cache. A prefetch never
+// faults, so running past the end is harmless.
+constexpr uintptr_t kPrefetchAhead = 2048;
+
+[[gnu::always_inline]] inline void PrefetchAhead(const void* p) {
+    _mm_prefetch(reinterpret_cast<const char*>(reinterpret_cast<uintptr_t>(p) + kPrefetchAhead),
+                 _MM_HINT_T0);
+}
+
 bool UseAvx2();
 
 // What the AVX2 roads need of a table whose ASCII half is ASCII: where its
@@ -238,6 +249,7 @@ __attribute__((target("avx2"))) ConvertResult TableToWideAvx2(const TablePlan* p
     const __m256i zero = _mm256_setzero_si256();
     size_t i = 0;
     for (; n - i >= 32; i += 32) {
+        PrefetchAhead(s + i);
         __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + i));
         __m256i low = v, high = zero;
         if (_mm256_movemask_epi8(v) != 0 && groups) {
@@ -285,6 +297,7 @@ __attribute__((target("avx2"))) size_t WideToTableAvx2(const TablePlan* plan, co
     const __m256i span = _mm256_set1_epi16(static_cast<short>(lowest ? 0xFF - lowest : 0x7F));
     size_t i = 0;
     for (; n - i >= 32; i += 32) {
+        PrefetchAhead(s + i);
         __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + i));
         __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + i + 16));
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + i),
@@ -782,6 +795,7 @@ __attribute__((target("avx2,popcnt"))) inline bool Utf8CountStretchAvx2(const ui
     size_t tails = 0, fours = 0;
     size_t k = 0;
     for (; k + 32 <= len; k += 32) {
+        PrefetchAhead(s + k);
         __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + k));
         errors = _mm256_or_si256(errors, Utf8ErrorsAvx2(v, before));
         tails += static_cast<size_t>(__builtin_popcount(
@@ -977,6 +991,7 @@ __attribute__((target("avx2,popcnt"))) ConvertResult Utf8FillAvx2(const uint8_t*
                                                                   bool strict) {
     size_t i = 0, o = 0;
     while (n - i >= 96 && cap - o >= 96) {
+        PrefetchAhead(s + i);
         size_t units;
         size_t taken = Utf8FillWindowAvx2(s + i, d + o, units);
         if (taken) {
@@ -993,7 +1008,8 @@ __attribute__((target("avx2,popcnt"))) ConvertResult Utf8FillAvx2(const uint8_t*
 // The AVX-512 road, chosen at run time where the processor can compress
 // words (VBMI2): every byte of a window is decoded as if a character started
 // there, and the units at the real starts are packed together in one step.
-#define KV_AVX512 __attribute__((target("avx512f,avx512bw,avx512vl,avx512vbmi,avx512vbmi2,popcnt")))
+#define KV_AVX512 \
+    __attribute__((target("avx512f,avx512bw,avx512vl,avx512vbmi,avx512vbmi2,popcnt,bmi2")))
 
 KV_AVX512 inline __m512i Table64(__m256i table16) {
     return _mm512_broadcast_i32x4(_mm256_castsi256_si128(table16));
@@ -1125,6 +1141,8 @@ KV_AVX512 ConvertResult Utf8FillAvx512(const uint8_t* s, size_t n, char16_t* d, 
                                        bool strict) {
     size_t i = 0, o = 0;
     while (n - i >= 96 && cap - o >= 96) {
+        PrefetchAhead(s + i);
+        PrefetchAhead(d + o);
         size_t units;
         size_t taken = Utf8FillWindowAvx512(s + i, d + o, units);
         if (taken) {
@@ -1147,8 +1165,8 @@ bool HasAvx2() {
 
 bool HasAvx512() {
     return HasAvx2() && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-           __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512vbmi") &&
-           __builtin_cpu_supports("avx512vbmi2");
+           __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("bmi2") &&
+           __builtin_cpu_supports("avx512vbmi") && __builtin_cpu_supports("avx512vbmi2");
 }
 
 bool UseAvx2() {
@@ -1532,6 +1550,7 @@ __attribute__((target("avx2,popcnt"))) ConvertResult Utf16FillAvx2(const char16_
                                                                    bool strict) {
     size_t i = 0, o = 0;
     while (n - i >= 64 && cap - o >= 128) {
+        PrefetchAhead(s + i);
         size_t bytes;
         size_t taken = Utf16FillWindowAvx2(s + i, d + o, bytes, strict);
         if (taken) {
@@ -1545,67 +1564,42 @@ __attribute__((target("avx2,popcnt"))) ConvertResult Utf16FillAvx2(const char16_
     return static_cast<ConvertResult>(o);
 }
 
-// a | b | c, and (a & b) | c, in one instruction each.
-KV_AVX512 inline __m512i Or3(__m512i a, __m512i b, __m512i c) {
-    return _mm512_ternarylogic_epi32(a, b, c, 0xFE);
-}
-KV_AVX512 inline __m512i AndOr(__m512i a, __m512i b, __m512i c) {
-    return _mm512_ternarylogic_epi32(a, b, c, 0xEA);
-}
-
-// UTF-8 for 16 units widened to 32 bits in v, with `next` the unit after
-// each: in each lane the bytes of its character back to back from the
-// lowest, and their number in `len` (a lone surrogate must already be
-// U+FFFD; the high unit of a pair writes all four bytes, the low one none;
-// kPairs says whether there are any).
-template <bool kPairs>
-KV_AVX512 inline __m512i EncodeSixteenAvx512(__m512i v, __m512i next, __mmask16 pair_high,
-                                             __mmask16 pair_low, __mmask16 in, __m512i& len) {
-    const __m512i six = _mm512_set1_epi32(0x3F);
-    const __m512i tail = _mm512_set1_epi32(0x80);
-    __m512i v6 = _mm512_srli_epi32(v, 6);
-    __m512i t0 = AndOr(v, six, tail);
-    __m512i t1 = AndOr(v6, six, tail);
-    __m512i two = Or3(v6, _mm512_set1_epi32(0xC0), _mm512_slli_epi32(t0, 8));
-    __m512i three =
-        Or3(Or3(_mm512_srli_epi32(v, 12), _mm512_set1_epi32(0xE0), _mm512_slli_epi32(t1, 8)),
-            _mm512_slli_epi32(t0, 16), _mm512_setzero_si512());
-    __mmask16 below80 = _mm512_cmplt_epu32_mask(v, _mm512_set1_epi32(0x80));
-    __mmask16 below800 = _mm512_cmplt_epu32_mask(v, _mm512_set1_epi32(0x800));
-    __m512i out = _mm512_mask_blend_epi32(below800, three, two);
-    out = _mm512_mask_blend_epi32(below80, out, v);
-    const __m512i one = _mm512_set1_epi32(1);
-    len = _mm512_set1_epi32(3);
-    len = _mm512_mask_sub_epi32(len, below800, len, one);
-    len = _mm512_mask_sub_epi32(len, below80, len, one);
-    if (kPairs) {
-        // 0x10000 + (high - 0xD800) * 0x400 + (low - 0xDC00)
-        __m512i c = _mm512_add_epi32(_mm512_add_epi32(_mm512_slli_epi32(v, 10), next),
-                                     _mm512_set1_epi32(0x10000 - (0xD800 << 10) - 0xDC00));
-        __m512i four = Or3(Or3(_mm512_srli_epi32(c, 18), _mm512_set1_epi32(0xF0),
-                               _mm512_slli_epi32(AndOr(_mm512_srli_epi32(c, 12), six, tail), 8)),
-                           _mm512_slli_epi32(AndOr(_mm512_srli_epi32(c, 6), six, tail), 16),
-                           _mm512_slli_epi32(AndOr(c, six, tail), 24));
-        out = _mm512_mask_blend_epi32(pair_high, out, four);
-        len = _mm512_mask_mov_epi32(len, pair_high, _mm512_set1_epi32(4));
+// Byte indexes that lay three bytes per unit side by side for the 16 units
+// from `first`: the unit's lead and middle bytes from the words of one
+// vector, its last byte from the low byte of the same word in another (64
+// and up).
+constexpr auto MakeThreeByteLayout(int first) {
+    struct Layout {
+        uint8_t at[64];
+    } t{};
+    for (int k = 0; k < 16; ++k) {
+        t.at[3 * k] = static_cast<uint8_t>(2 * (first + k));
+        t.at[3 * k + 1] = static_cast<uint8_t>(2 * (first + k) + 1);
+        t.at[3 * k + 2] = static_cast<uint8_t>(64 + 2 * (first + k));
     }
-    len = _mm512_maskz_mov_epi32(in & ~pair_low, len);
-    return out;
+    return t;
 }
+constexpr auto kThreeBytesLow = MakeThreeByteLayout(0);
+constexpr auto kThreeBytesHigh = MakeThreeByteLayout(16);
+
+// Every third bit of 48, from bit 0.
+constexpr uint64_t kEveryThird = 0x249249249249ull;
 
 // Utf16Window on the AVX-512 road (64 units readable, room for 128 bytes,
-// garbage past the bytes).
+// garbage past the bytes). Each unit gets three byte slots: its lead, its
+// middle and its last byte, or for a pair the high unit the first two of
+// the four and the low unit the other two; a compress keeps the slots in use.
 KV_AVX512 inline size_t Utf16FillWindowAvx512(const char16_t* s, uint8_t* d, size_t& bytes,
                                               bool strict) {
     __m512i u = _mm512_loadu_si512(s);
-    __mmask32 ascii = _mm512_cmplt_epu16_mask(u, _mm512_set1_epi16(0x80));
+    const __m512i x80 = _mm512_set1_epi16(0x80);
+    uint32_t ascii = _mm512_cmplt_epu16_mask(u, x80);
     if (ascii == 0xFFFFFFFFu) {
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(d), _mm512_cvtepi16_epi8(u));
         bytes = 32;
         return 32;
     }
-    const __m512i fc00 = _mm512_set1_epi16(static_cast<short>(0xFC00));
-    __m512i top = _mm512_and_si512(u, fc00);
+    __m512i top = _mm512_and_si512(u, _mm512_set1_epi16(static_cast<short>(0xFC00)));
     uint32_t high = _mm512_cmpeq_epi16_mask(top, _mm512_set1_epi16(static_cast<short>(0xD800)));
     uint32_t low = _mm512_cmpeq_epi16_mask(top, _mm512_set1_epi16(static_cast<short>(0xDC00)));
     uint32_t pair_high = high & (low >> 1);
@@ -1615,32 +1609,50 @@ KV_AVX512 inline size_t Utf16FillWindowAvx512(const char16_t* s, uint8_t* d, siz
     uint32_t lone = (high | low) & ~(pair_high | pair_low) & in;
     if (strict && lone) return 0;
     u = _mm512_mask_mov_epi16(u, lone, _mm512_set1_epi16(static_cast<short>(0xFFFD)));
-    __m512i next = pair_high ? _mm512_loadu_si512(s + 1) : _mm512_setzero_si512();
-    // Byte k of each lane is kept while k is below the lane's length.
-    const __m512i byte_index = _mm512_set1_epi32(0x03020100);
-    const __m512i spread = _mm512_set4_epi32(0x0C0C0C0C, 0x08080808, 0x04040404, 0x00000000);
+    uint32_t below800 = _mm512_cmplt_epu16_mask(u, _mm512_set1_epi16(0x800));
+    const __m512i six = _mm512_set1_epi16(0x3F);
+    __m512i u6 = _mm512_srli_epi16(u, 6);
+    // (a & b) | c
+    __m512i last = _mm512_ternarylogic_epi32(u, six, x80, 0xEA);
+    __m512i middle =
+        _mm512_mask_mov_epi16(_mm512_ternarylogic_epi32(u6, six, x80, 0xEA), below800, last);
+    __m512i lead = _mm512_or_si512(_mm512_srli_epi16(u, 12), _mm512_set1_epi16(0xE0));
+    lead = _mm512_mask_mov_epi16(lead, below800, _mm512_or_si512(u6, _mm512_set1_epi16(0xC0)));
+    lead = _mm512_mask_mov_epi16(lead, ascii, u);
+    uint32_t paired = pair_high | pair_low;
+    if (paired) {
+        // With p the high unit's ten bits plus 0x40 (the plane less one, in
+        // its top four), the bytes are F0 | p >> 8, 80 | (p >> 2) & 3F, then
+        // 80 | (p & 3) << 4 | low >> 6 & F, 80 | low & 3F.
+        const __m512i ten = _mm512_set1_epi16(0x3FF);
+        __m512i p = _mm512_add_epi16(_mm512_and_si512(u, ten), _mm512_set1_epi16(0x40));
+        lead = _mm512_mask_mov_epi16(
+            lead, pair_high, _mm512_or_si512(_mm512_srli_epi16(p, 8), _mm512_set1_epi16(0xF0)));
+        middle = _mm512_mask_mov_epi16(
+            middle, pair_high, _mm512_ternarylogic_epi32(_mm512_srli_epi16(p, 2), six, x80, 0xEA));
+        // The unit before each low one, and nothing before the window.
+        const __m512i back =
+            _mm512_set_epi16(30, 29, 28, 27, 26, 25, 24, 23, 22, 21, 20, 19, 18, 17, 16, 15, 14, 13,
+                             12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0, 0);
+        __m512i before = _mm512_maskz_permutexvar_epi16(~1u, back, p);
+        __m512i third = _mm512_ternarylogic_epi32(
+            _mm512_slli_epi16(_mm512_and_si512(before, _mm512_set1_epi16(3)), 4),
+            _mm512_and_si512(u6, _mm512_set1_epi16(0x0F)), x80, 0xFE);
+        lead = _mm512_mask_mov_epi16(lead, pair_low, third);
+        middle = _mm512_mask_mov_epi16(middle, pair_low, last);
+    }
+    __m512i words = _mm512_or_si512(lead, _mm512_slli_epi16(middle, 8));
+    // Slots in use: the lead always, the middle unless ASCII, the last only
+    // for three bytes.
+    uint32_t second = ~ascii & in, third_slot = ~below800 & ~paired & in;
     size_t o = 0;
     for (int h = 0; h < 2; ++h) {
-        __m256i half = h ? _mm512_extracti64x4_epi64(u, 1) : _mm512_castsi512_si256(u);
-        if (static_cast<uint16_t>(ascii >> (16 * h)) == 0xFFFF) {
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(d + o), _mm256_cvtepi16_epi8(half));
-            o += 16;
-            continue;
-        }
-        auto part = [h](uint32_t m) { return static_cast<__mmask16>(m >> (16 * h)); };
-        __m512i len, out;
-        if (part(pair_high | pair_low)) {
-            __m256i half_next =
-                h ? _mm512_extracti64x4_epi64(next, 1) : _mm512_castsi512_si256(next);
-            out = EncodeSixteenAvx512<true>(_mm512_cvtepu16_epi32(half),
-                                            _mm512_cvtepu16_epi32(half_next), part(pair_high),
-                                            part(pair_low), part(in), len);
-        } else {
-            out = EncodeSixteenAvx512<false>(_mm512_cvtepu16_epi32(half), _mm512_setzero_si512(), 0,
-                                             0, part(in), len);
-        }
-        __mmask64 keep = _mm512_cmplt_epu8_mask(byte_index, _mm512_shuffle_epi8(len, spread));
-        _mm512_storeu_si512(d + o, _mm512_maskz_compress_epi8(keep, out));
+        const auto& layout = h ? kThreeBytesHigh : kThreeBytesLow;
+        __m512i slots = _mm512_permutex2var_epi8(words, _mm512_loadu_si512(layout.at), last);
+        uint64_t keep = _pdep_u64(static_cast<uint16_t>(in >> (16 * h)), kEveryThird) |
+                        _pdep_u64(static_cast<uint16_t>(second >> (16 * h)), kEveryThird << 1) |
+                        _pdep_u64(static_cast<uint16_t>(third_slot >> (16 * h)), kEveryThird << 2);
+        _mm512_storeu_si512(d + o, _mm512_maskz_compress_epi8(keep, slots));
         o += static_cast<size_t>(__builtin_popcountll(keep));
     }
     bytes = o;
@@ -1651,6 +1663,8 @@ KV_AVX512 ConvertResult Utf16FillAvx512(const char16_t* s, size_t n, uint8_t* d,
                                         bool strict) {
     size_t i = 0, o = 0;
     while (n - i >= 64 && cap - o >= 128) {
+        PrefetchAhead(s + i);
+        PrefetchAhead(d + o);
         size_t bytes;
         size_t taken = Utf16FillWindowAvx512(s + i, d + o, bytes, strict);
         if (taken) {
@@ -1668,6 +1682,7 @@ __attribute__((target("avx2,popcnt"))) ConvertResult Utf16CountAvx2(const char16
                                                                     bool strict) {
     size_t i = 0, o = 0;
     while (n - i >= 32) {
+        PrefetchAhead(s + i);
         size_t bytes;
         size_t taken = Utf16CountWindowAvx2(s + i, bytes, strict);
         if (taken) {
