@@ -4,19 +4,15 @@
 
 #include <string>
 
+#include "../support/text.h"
 #include "automation/bstr.h"
 
 namespace kv {
 namespace {
 
-std::string Str(const bstring& s) { return std::string(s.pData ? s.pData : "", size_t(s.nSize)); }
-std::string Utf8(const wbstring& w) {
-    return automation::Utf16ToUtf8(std::u16string_view(w.pData ? w.pData : u"", size_t(w.nSize)));
-}
-wbstring Wide(const std::string& utf8) {
-    std::u16string u = automation::Utf8ToUtf16(utf8);
-    return wbstring(u.data(), int32_t(u.size()));
-}
+using kv::testing::Str;
+using kv::testing::Utf8;
+using kv::testing::WideFromUtf8;
 
 std::string Pure(const std::string& text) {
     std::vector<bstring> list;
@@ -31,7 +27,7 @@ std::string Pure(const std::string& text) {
 
 std::string Names(const std::string& text) {
     std::vector<wbstring> list;
-    ParseFriendlyNames(Wide(text), list);
+    ParseFriendlyNames(WideFromUtf8(text), list);
     std::string joined;
     for (size_t i = 0; i < list.size(); ++i) {
         if (i) joined += '|';

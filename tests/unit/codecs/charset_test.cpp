@@ -1,4 +1,3 @@
-#include "../support/trace_capture.h"
 #include "codecs/charset.h"
 
 #include <gtest/gtest.h>
@@ -13,19 +12,19 @@
 #include <string>
 #include <vector>
 
+#include "../support/text.h"
+#include "../support/trace_capture.h"
 #include "foundation/trace.h"
 
 namespace kv {
 namespace {
 
+using kv::testing::Bytes;
+using kv::testing::Str;
+using kv::testing::Wide;
+
 namespace fs = std::filesystem;
 
-std::string Str(const bstring& b) { return std::string(b.pData ? b.pData : "", size_t(b.nSize > 0 ? b.nSize : 0)); }
-bstring Bytes(const std::string& s) { return bstring(s.data(), int32_t(s.size())); }
-std::u16string Str(const wbstring& w) {
-    return std::u16string(w.pData ? w.pData : u"", size_t(w.nSize > 0 ? w.nSize : 0));
-}
-wbstring Wide(const std::u16string& s) { return wbstring(s.data(), int32_t(s.size())); }
 std::u16string Ascii16(const std::string& s) { return std::u16string(s.begin(), s.end()); }
 
 std::vector<std::string> Strs(const bstring_vector& v) {

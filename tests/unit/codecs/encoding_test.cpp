@@ -15,19 +15,16 @@
 #include <string_view>
 #include <vector>
 
+#include "../support/text.h"
 #include "encoding_reference.h"
 
 namespace kv {
 namespace {
 
-using namespace std::string_literals;
+using kv::testing::Bytes;
+using kv::testing::Str;
 
-std::string Str(const bstring& b) {
-    return b.nSize > 0 ? std::string(b.pData, size_t(b.nSize)) : std::string();
-}
-bstring B(std::string_view s) {
-    return bstring(s.data(), int32_t(s.size()));
-}
+using namespace std::string_literals;
 
 std::string Base64(std::string_view in, bool wrap) {
     bstring out;
@@ -35,7 +32,7 @@ std::string Base64(std::string_view in, bool wrap) {
     return Str(out);
 }
 std::string Unbase64(std::string_view in, int32_t start = 0, int32_t end = -1) {
-    bstring src = B(in), out;
+    bstring src = Bytes(in), out;
     DecodeBase64(out, src, start, end);
     return Str(out);
 }
@@ -45,12 +42,12 @@ std::string Qp(std::string_view in) {
     return Str(out);
 }
 std::string Unqp(std::string_view in, bool underscore = false) {
-    bstring src = B(in), out;
+    bstring src = Bytes(in), out;
     DecodeQuotedPrintable(out, src, underscore);
     return Str(out);
 }
 std::string Uudecode(std::string_view in) {
-    bstring src = B(in), out;
+    bstring src = Bytes(in), out;
     DecodeUuencode(out, src);
     return Str(out);
 }
@@ -116,7 +113,7 @@ TEST(EncodeBase64, WrapAfterEvery76thCharacterOfWholeGroups) {
 }
 
 TEST(EncodeBase64, AppendWritesBehindAndEmptySourceLeavesDestination) {
-    bstring out = B("head:");
+    bstring out = Bytes("head:");
     EncodeBase64(out, "foo", 3, true, false);
     EXPECT_EQ(Str(out), "head:Zm9v");
     EncodeBase64(out, "", 0, true, true);
@@ -137,7 +134,7 @@ TEST(EncodeBase64, ReservesExactlyTheResult) {
 }
 
 TEST(EncodeBase64, SourceInsideDestination) {
-    bstring out = B("foobar");
+    bstring out = Bytes("foobar");
     EncodeBase64(out, out.pData, out.nSize, true, false);
     EXPECT_EQ(Str(out), "foobarZm9vYmFy");
 }
@@ -215,17 +212,17 @@ TEST(DecodeBase64, StartAndEndDecodeAServerReplyInPlace) {
 }
 
 TEST(DecodeBase64, DestinationMayBeTheSource) {
-    bstring s = B("  Zm9vYmFy\r\n");
+    bstring s = Bytes("  Zm9vYmFy\r\n");
     DecodeBase64(s, s, 0, -1);
     EXPECT_EQ(Str(s), "foobar");
-    bstring owner = B("Zm9vYmFy"), view;
+    bstring owner = Bytes("Zm9vYmFy"), view;
     view.borrow(owner);
     DecodeBase64(owner, view, 0, -1);
     EXPECT_EQ(Str(owner), "foobar");
 }
 
 TEST(DecodeBase64, ReservesTheLimitMinusStart) {
-    bstring src = B("QUI"), out;
+    bstring src = Bytes("QUI"), out;
     DecodeBase64(out, src);
     EXPECT_EQ(out.nCapacity, 6);  // three positions plus three virtual "="
     EXPECT_EQ(Str(out), "AB");
@@ -249,7 +246,7 @@ TEST(DecodeBase64, MatchesTheModelOnRandomBrokenText) {
         if (round % 3 == 0) text = RandomFrom(rng, n, "QWERTYuiop0123456789+/");
         int32_t start = int32_t(rng() % (n + 2)) - 1;
         int32_t end = int32_t(rng() % (n + 3)) - 1;
-        bstring src = B(text), out;
+        bstring src = Bytes(text), out;
         DecodeBase64(out, src, start, end);
         ASSERT_EQ(Str(out), reference::DecodeBase64(text, start, end))
             << text << " start " << start << " end " << end;
@@ -353,7 +350,7 @@ TEST(EncodeQuotedPrintable, LongLinesGetSoftBreaks) {
 }
 
 TEST(EncodeQuotedPrintable, AppendRestartsTheColumnAndEmptyLeavesDestination) {
-    bstring out = B(std::string(70, 'h'));
+    bstring out = Bytes(std::string(70, 'h'));
     EncodeQuotedPrintable(out, "abcdefghij", 10, true);
     EXPECT_EQ(Str(out), std::string(70, 'h') + "abcdefghij");
     EncodeQuotedPrintable(out, "", 0, true);
@@ -367,7 +364,7 @@ TEST(EncodeQuotedPrintable, GrowsPastItsFirstFigure) {
     std::string in(1000, '\x01');
     std::string got = Qp(in);
     EXPECT_EQ(got, reference::EncodeQuotedPrintable(in));
-    bstring out = B("x");
+    bstring out = Bytes("x");
     EncodeQuotedPrintable(out, in.data(), 1, true);
     EXPECT_EQ(Str(out), "x=01");
 }
@@ -428,7 +425,7 @@ TEST(DecodeQuotedPrintable, Table) {
 }
 
 TEST(DecodeQuotedPrintable, UnderscoreIsBlankChangesTheSourceInPlace) {
-    bstring src = B("Caf=C3=A9_au_lait"), out;
+    bstring src = Bytes("Caf=C3=A9_au_lait"), out;
     DecodeQuotedPrintable(out, src, true);
     EXPECT_EQ(Str(out), "Caf\xC3\xA9 au lait");
     EXPECT_EQ(Str(src), "Caf=C3=A9 au lait");
@@ -437,7 +434,7 @@ TEST(DecodeQuotedPrintable, UnderscoreIsBlankChangesTheSourceInPlace) {
 }
 
 TEST(DecodeQuotedPrintable, DestinationMayBeTheSource) {
-    bstring s = B("a=3Db=\r\nc");
+    bstring s = Bytes("a=3Db=\r\nc");
     DecodeQuotedPrintable(s, s, false);
     EXPECT_EQ(Str(s), "a=bc");
 }
@@ -540,7 +537,7 @@ TEST(DecodeUuencode, OutputMayOutgrowTheSource) {
 }
 
 TEST(DecodeUuencode, DestinationMayBeTheSource) {
-    bstring s = B("begin 644 x\r\n#0V%T\r\nend\r\n");
+    bstring s = Bytes("begin 644 x\r\n#0V%T\r\nend\r\n");
     DecodeUuencode(s, s);
     EXPECT_EQ(Str(s), "Cat");
 }
@@ -608,7 +605,7 @@ TEST(WrapBodyLines, Table) {
 }
 
 TEST(WrapBodyLines, AppendAndEmptySource) {
-    bstring out = B("kept");
+    bstring out = Bytes("kept");
     WrapBodyLines(out, "", 0, true);
     EXPECT_EQ(Str(out), "kept");
     WrapBodyLines(out, "more", 4, true);
@@ -645,7 +642,7 @@ TEST(EncodeBody, ConvertsThenEncodesByValue) {
     }
     // Base64 bodies break their lines; append writes behind.
     wbstring longer(std::u16string(60, u'a').c_str());
-    bstring body = B("--\r\n");
+    bstring body = Bytes("--\r\n");
     EncodeBody(body, longer, kEncodingBase64, true, -1);
     EXPECT_EQ(Str(body), "--\r\n" + Base64(std::string(60, 'a'), true));
     EXPECT_NE(Str(body).find("\r\n", 4), std::string::npos);

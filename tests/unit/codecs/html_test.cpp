@@ -1,7 +1,6 @@
 // HTML to plain text and back: tables of HTML in and text out for each
 // option bit, entities, lists, tables, links, scripts and broken HTML, and
 // real-world HTML mail with reviewed expected text under tests/data/html/.
-#include "../support/trace_capture.h"
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "../support/text.h"
+#include "../support/trace_capture.h"
 #include "codecs/html_to_plain.h"
 #include "codecs/plain_to_html.h"
 #include "foundation/trace.h"
@@ -21,6 +22,10 @@
 
 namespace kv {
 namespace {
+
+using kv::testing::ReadFile;
+using kv::testing::Str;
+using kv::testing::Wide;
 
 namespace fs = std::filesystem;
 
@@ -39,11 +44,6 @@ std::string ToUtf8(const std::u16string& w) {
     platform::WideCharToMultiByte(65001, 0, w.data(), int(w.size()), out.data(), n);
     return out;
 }
-
-std::u16string Str(const wbstring& w) {
-    return std::u16string(w.pData ? w.pData : u"", size_t(w.nSize > 0 ? w.nSize : 0));
-}
-wbstring Wide(const std::u16string& s) { return wbstring(s.data(), int32_t(s.size())); }
 
 // Converts UTF-8 HTML and gives the text as UTF-8.
 std::string Plain(const std::string& html, int32_t options = 1, int32_t codepage = 0,
@@ -399,13 +399,6 @@ TEST(GetHtmlFromPlainTest, RoundTripThroughThePlainConverter) {
 }
 
 // ---- real-world HTML mail ---------------------------------------------------------
-
-std::string ReadFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream buffer;
-    buffer << in.rdbuf();
-    return buffer.str();
-}
 
 // tests/data/html/NAME.html with NAME.oN.txt: the text expected with options
 // N. Set KV_UPDATE_GOLDEN=1 to write what the converter gives instead (to be

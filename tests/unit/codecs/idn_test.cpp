@@ -5,11 +5,13 @@
 #include <string>
 #include <vector>
 
+#include "../support/text.h"
+
 namespace kv {
 namespace {
 
-wbstring W(const std::u16string& s) { return wbstring(s.data(), int32_t(s.size())); }
-std::u16string U(const wbstring& w) { return std::u16string(w.pData ? w.pData : u"", size_t(w.nSize)); }
+using kv::testing::Str;
+using kv::testing::Wide;
 
 struct IdnCase {
     const char* what;
@@ -30,7 +32,8 @@ const IdnCase kEscapeCases[] = {
 };
 
 TEST(Idn, EscapeIdnDomain_Table) {
-    for (const IdnCase& c : kEscapeCases) EXPECT_EQ(U(EscapeIdnDomain(W(c.in))), c.escaped) << c.what;
+    for (const IdnCase& c : kEscapeCases)
+        EXPECT_EQ(Str(EscapeIdnDomain(Wide(c.in))), c.escaped) << c.what;
 }
 
 const IdnCase kUnescapeCases[] = {
@@ -41,15 +44,16 @@ const IdnCase kUnescapeCases[] = {
 };
 
 TEST(Idn, UnescapeIdnDomain_Table) {
-    for (const IdnCase& c : kUnescapeCases) EXPECT_EQ(U(UnescapeIdnDomain(W(c.in))), c.escaped) << c.what;
+    for (const IdnCase& c : kUnescapeCases)
+        EXPECT_EQ(Str(UnescapeIdnDomain(Wide(c.in))), c.escaped) << c.what;
 }
 
 TEST(Idn, AstralCharacter_RoundTripsThroughSurrogatePairs) {
     // U+1F600 is unassigned in the tables IDNA uses: allowed only by the flag.
     std::u16string face = u"\U0001F600";
-    std::u16string escaped = U(EscapeIdnDomain(W(u"a@" + face + u".example")));
+    std::u16string escaped = Str(EscapeIdnDomain(Wide(u"a@" + face + u".example")));
     ASSERT_EQ(escaped.rfind(u"a@xn--", 0), 0u) << std::string(escaped.begin(), escaped.end());
-    EXPECT_EQ(U(UnescapeIdnDomain(W(escaped))), u"a@" + face + u".example");
+    EXPECT_EQ(Str(UnescapeIdnDomain(Wide(escaped))), u"a@" + face + u".example");
 }
 
 TEST(Idn, Ucs4FromUtf16_PairsJoinAndLoneHalvesDrop) {
@@ -70,8 +74,8 @@ TEST(Idn, Utf16FromUcs4_SplitsFromFFFFAndStopsAtZero) {
     expected += char16_t(0xFFFE);
     expected += u"\U00010000\U0010FFFF";
     expected += {char16_t(0xDBFF), char16_t(0xDFFF)};  // 0xFFFF goes the pair way, wrapped
-    EXPECT_EQ(U(Utf16FromUcs4(text)), expected);
-    EXPECT_EQ(U(Utf16FromUcs4(nullptr)), u"");
+    EXPECT_EQ(Str(Utf16FromUcs4(text)), expected);
+    EXPECT_EQ(Str(Utf16FromUcs4(nullptr)), u"");
 }
 
 }  // namespace

@@ -6,15 +6,12 @@
 
 #include <string>
 
+#include "../support/text.h"
+
 namespace kv {
 namespace {
 
-std::string Str(const bstring& b) {
-    return b.nSize > 0 ? std::string(b.pData, size_t(b.nSize)) : std::string();
-}
-std::u16string Str(const wbstring& w) {
-    return w.nSize > 0 ? std::u16string(w.pData, size_t(w.nSize)) : std::u16string();
-}
+using kv::testing::Str;
 
 std::string FormatType(int32_t format, const char* before = "unchanged") {
     bstring out(before);

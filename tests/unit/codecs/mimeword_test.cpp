@@ -4,20 +4,16 @@
 
 #include <string>
 
+#include "../support/text.h"
 #include "automation/bstr.h"
 
 namespace kv {
 namespace {
 
-std::string Str(const bstring& s) { return std::string(s.pData ? s.pData : "", size_t(s.nSize)); }
-std::string Utf8(const wbstring& w) {
-    return automation::Utf16ToUtf8(std::u16string_view(w.pData ? w.pData : u"", size_t(w.nSize)));
-}
-wbstring Wide(const std::string& utf8) {
-    std::u16string u = automation::Utf8ToUtf16(utf8);
-    return wbstring(u.data(), int32_t(u.size()));
-}
-bstring Bytes(const std::string& s) { return bstring(s.data(), int32_t(s.size())); }
+using kv::testing::Bytes;
+using kv::testing::Str;
+using kv::testing::Utf8;
+using kv::testing::WideFromUtf8;
 
 std::string Decode(const std::string& raw, int32_t default_cp = 65001) {
     wbstring out;
@@ -81,7 +77,8 @@ TEST(DecodeMimeWords, SurvivesEveryTruncation) {
 std::string Encode(const char* name, const std::string& value, const char* charset,
                    int32_t codepage, int32_t encoding) {
     bstring result("junk");
-    EncodeHeaderValue(bstring(name), Wide(value), bstring(charset), codepage, encoding, result);
+    EncodeHeaderValue(bstring(name), WideFromUtf8(value), bstring(charset), codepage, encoding,
+                      result);
     return Str(result);
 }
 

@@ -8,19 +8,17 @@
 #include <string>
 #include <vector>
 
+#include "../support/text.h"
+
 namespace kv {
 namespace {
 
-std::string Str(const bstring& s) { return std::string(s.pData ? s.pData : "", size_t(s.nSize)); }
+using kv::testing::Str;
 
 std::vector<std::string> Strs(const std::vector<bstring>& v) {
     std::vector<std::string> out;
     for (const auto& s : v) out.push_back(Str(s));
     return out;
-}
-
-std::u16string WStr(const wbstring& s) {
-    return std::u16string(s.pData ? s.pData : u"", size_t(s.nSize));
 }
 
 bstring View(const char* text) {
@@ -334,7 +332,7 @@ TEST(BstringEdit, CaseMappingIsAsciiOnlyForBytes) {
     EXPECT_EQ(Str(s), "ABC\xC9Z");
     wbstring w(u"AÉΩ");
     w.to_lower();
-    EXPECT_EQ(WStr(w), u"aéω");
+    EXPECT_EQ(Str(w), u"aéω");
 }
 
 // ---- comparing ----------------------------------------------------------------
@@ -480,7 +478,7 @@ TEST(WbstringSplit, SplitListAddressModeKnowsOnlyTheAtTest) {
     wbstring w(u"Name <x>, other@y");
     w.split_list(out, u",", u"\"\"<>", false, true);
     ASSERT_EQ(out.size(), 1u);
-    EXPECT_EQ(WStr(out[0]), u"Name <x>, other@y");
+    EXPECT_EQ(Str(out[0]), u"Name <x>, other@y");
 }
 
 TEST(BstringSplit, SplitBlocks) {
@@ -602,10 +600,10 @@ TEST(WbstringImport, ConvertsAndFallsBackToAnsi) {
     for (const auto& c : cases) {
         wbstring w(u"stale");
         w.import_bstring(bstring(c.bytes.data(), int32_t(c.bytes.size())), c.codepage);
-        EXPECT_EQ(WStr(w), c.wide) << c.codepage;
+        EXPECT_EQ(Str(w), c.wide) << c.codepage;
         wbstring a(u">");
         a.append_import(bstring(c.bytes.data(), int32_t(c.bytes.size())), c.codepage);
-        EXPECT_EQ(WStr(a), u">" + c.wide) << c.codepage;
+        EXPECT_EQ(Str(a), u">" + c.wide) << c.codepage;
     }
     wbstring w(u"x");
     w.import_bstring(bstring(), 65001);
@@ -616,9 +614,9 @@ TEST(WbstringImport, RangeAndExport) {
     bstring src("ab\xC3\xA9z");
     wbstring w;
     w.append_import_range(src, 2, 4, 65001);
-    EXPECT_EQ(WStr(w), u"é");
+    EXPECT_EQ(Str(w), u"é");
     w.append_import_range(src, 4, -1, 65001);
-    EXPECT_EQ(WStr(w), u"éz");
+    EXPECT_EQ(Str(w), u"éz");
     bstring out("junk");
     w.export_bstring(out, 65001);
     EXPECT_EQ(Str(out), "\xC3\xA9z");

@@ -7,6 +7,7 @@
 #include <sstream>
 #include <string>
 
+#include "../support/text.h"
 #include "automation/bstr.h"
 #include "message/message.h"
 #include "platform/random.h"
@@ -16,17 +17,12 @@
 namespace kv {
 namespace {
 
+using kv::testing::ReadFile;
+
 using automation::Bstr;
 
 std::string GoldenPath(const std::string& name) {
     return std::string(KV_SOURCE_DIR) + "/tests/data/compose/" + name + ".eml";
-}
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
 }
 
 // Composes with the clock, the zone, the random generator and the

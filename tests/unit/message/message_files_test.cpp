@@ -7,6 +7,7 @@
 #include <sstream>
 #include <string>
 
+#include "../support/text.h"
 #include "automation/bstr.h"
 #include "automation/safearray.h"
 #include "automation/variant.h"
@@ -19,6 +20,9 @@
 namespace kv {
 namespace {
 
+using kv::testing::ReadFile;
+using kv::testing::Utf8;
+
 namespace fs = std::filesystem;
 using automation::Bstr;
 
@@ -26,15 +30,6 @@ std::string Utf8(BSTR s) {
     std::string out = automation::Utf16ToUtf8(std::u16string_view(s ? s : u"", SysStringLen(s)));
     SysFreeString(s);
     return out;
-}
-std::string Utf8(const wbstring& s) {
-    return automation::Utf16ToUtf8(std::u16string_view(s.pData ? s.pData : u"", size_t(s.nSize > 0 ? s.nSize : 0)));
-}
-std::string Slurp(const fs::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    std::ostringstream all;
-    all << in.rdbuf();
-    return all.str();
 }
 void Write(const fs::path& p, const std::string& text) { std::ofstream(p, std::ios::binary) << text; }
 wbstring W(const std::string& s) {
@@ -142,7 +137,7 @@ TEST_F(MessageFilesTest, ImportSaveAndReimport) {
     EXPECT_FALSE(msg_->m_bNeedsRebuild);
     msg_->SaveMessage(S((dir_ / "out.eml").string()).get(), &ok);
     EXPECT_TRUE(Ok(ok));
-    EXPECT_EQ(Slurp(dir_ / "out.eml"), raw);  // no dot-stuffing, no line end added
+    EXPECT_EQ(ReadFile(dir_ / "out.eml"), raw);  // no dot-stuffing, no line end added
 
     // A missing file: False, the raw text is gone, the properties stay.
     msg_->ImportFromFile(S((dir_ / "missing.eml").string()).get(), &ok);
@@ -182,9 +177,11 @@ TEST_F(MessageFilesTest, WriteStringToFileAppendsUnlessOverwrite) {
     msg_->WriteStringToFile(S(path).get(), S("a\xC3\xA9").get(), VARIANT_FALSE, 65001, &ok);
     msg_->WriteStringToFile(S(path).get(), S("b\xC3\xA9").get(), VARIANT_FALSE, 1252, &ok);
     EXPECT_TRUE(Ok(ok));
-    EXPECT_EQ(Slurp(path), "a\xC3\xA9" "b\xE9");
+    EXPECT_EQ(ReadFile(path),
+              "a\xC3\xA9"
+              "b\xE9");
     msg_->WriteStringToFile(S(path).get(), S("c").get(), VARIANT_TRUE, -5, &ok);
-    EXPECT_EQ(Slurp(path), "c");
+    EXPECT_EQ(ReadFile(path), "c");
     msg_->WriteStringToFile(S("").get(), S("c").get(), VARIANT_TRUE, 0, &ok);
     EXPECT_FALSE(Ok(ok));
 }
@@ -285,9 +282,10 @@ TEST_F(MessageDirectoryTest, CidAndLocationReferencesAreRewritten) {
     const std::string d = (dir_ / "m").string() + "/";
     EXPECT_EQ(Body(), "<img src=\"" + d + "pic.gif\"> abc <img src=\"" + d + "2.png\"><img src=\"" + d +
                           "third.gif\"> <b src='" + d + "4.gif'> \"" + d + "4.gif\"");
-    EXPECT_EQ(Slurp(dir_ / "m" / "pic.gif"), "ONE");
-    EXPECT_EQ(Slurp(dir_ / "m" / "2.png"), "TWO");
-    EXPECT_EQ(Slurp(dir_ / "m" / "4.gif"), "FOUR");  // a name with a path is numbered, never followed
+    EXPECT_EQ(ReadFile(dir_ / "m" / "pic.gif"), "ONE");
+    EXPECT_EQ(ReadFile(dir_ / "m" / "2.png"), "TWO");
+    EXPECT_EQ(ReadFile(dir_ / "m" / "4.gif"),
+              "FOUR");  // a name with a path is numbered, never followed
     EXPECT_FALSE(fs::exists(dir_ / "evil"));
 
     VARIANT_BOOL ok = 0;

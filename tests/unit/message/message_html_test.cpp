@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "../support/text.h"
 #include "automation/bstr.h"
 #include "message/message.h"
 #include "shell/classes.h"
@@ -11,9 +12,7 @@
 namespace kv {
 namespace {
 
-std::u16string Str(const wbstring& w) {
-    return std::u16string(w.pData ? w.pData : u"", size_t(w.nSize > 0 ? w.nSize : 0));
-}
+using kv::testing::Str;
 
 class MessageHtmlTest : public ::testing::Test {
 protected:

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "../support/text.h"
 #include "automation/bstr.h"
 #include "message/message.h"
 #include "shell/classes.h"
@@ -16,11 +17,13 @@
 namespace kv {
 namespace {
 
+using kv::testing::Bytes;
+using kv::testing::ReadFile;
+using kv::testing::Str;
+
 std::string Utf8(const wbstring& s) {
     return automation::Utf16ToUtf8(std::u16string_view(s.pData ? s.pData : u"", size_t(s.nSize > 0 ? s.nSize : 0)));
 }
-std::string Bytes(const bstring& s) { return std::string(s.pData ? s.pData : "", size_t(s.nSize > 0 ? s.nSize : 0)); }
-bstring B(const std::string& s) { return bstring(s.data(), int32_t(s.size())); }
 
 // CRLF line ends for readable literals.
 std::string Crlf(const std::string& text) {
@@ -48,7 +51,7 @@ protected:
     size_t AttachmentCount() { return msg_->m_pAttachments->m_coll.size(); }
     std::string Header(const char* name) {
         CMIMEHeader* h = msg_->m_pHeaders->Find(name);
-        return h ? Bytes(h->m_bsRawValue) : "<none>";
+        return h ? Str(h->m_bsRawValue) : "<none>";
     }
 
     CMessage* msg_ = nullptr;
@@ -90,7 +93,7 @@ TEST(SplitMultipartTest, Table) {
             EXPECT_TRUE(p.is_view()) << c.name;
             EXPECT_GE(p.pData, body.pData) << c.name;
             EXPECT_LE(p.pData + p.nSize, body.pData + body.nSize) << c.name;
-            got.push_back(Bytes(p));
+            got.push_back(Str(p));
         }
         EXPECT_EQ(got, c.parts) << c.name;
     }
@@ -100,12 +103,12 @@ TEST(SplitMultipartTest, PartLimitKeepsTheRestInTheLastPart) {
     std::string body;
     for (int i = 0; i < 10; ++i) body += "--b\r\npart" + std::to_string(i) + "\r\n";
     std::vector<bstring> parts;
-    bstring text = B(body), boundary("b");
+    bstring text = Bytes(body), boundary("b");
     SplitMultipart(parts, text, boundary, 3);
     ASSERT_EQ(parts.size(), 3u);
-    EXPECT_EQ(Bytes(parts[0]), "\r\npart0");
-    EXPECT_EQ(Bytes(parts[1]), "\r\npart1");
-    EXPECT_NE(Bytes(parts[2]).find("part9"), std::string::npos);
+    EXPECT_EQ(Str(parts[0]), "\r\npart0");
+    EXPECT_EQ(Str(parts[1]), "\r\npart1");
+    EXPECT_NE(Str(parts[2]).find("part9"), std::string::npos);
 }
 
 // ---- ParseHeaderSection ------------------------------------------------------------------
@@ -142,7 +145,8 @@ TEST(ParseHeaderSectionTest, Table) {
         ParseHeaderSection(*headers, bstring(c.text));
         std::vector<std::string> got;
         for (CMIMEHeader* h : headers->m_coll)
-            got.push_back(Bytes(h->m_bsKey) + "=" + Bytes(h->m_bsRawValue) + "|" + Bytes(h->m_bsWireValue));
+            got.push_back(Str(h->m_bsKey) + "=" + Str(h->m_bsRawValue) + "|" +
+                          Str(h->m_bsWireValue));
         EXPECT_EQ(got, c.records) << c.name;
         headers->Release();
     }
@@ -174,9 +178,9 @@ TEST(SplitHeaderParametersTest, Table) {
         h->m_bsKey.assign("Content-Type");
         h->m_bsRawValue.assign(c.value);
         SplitHeaderParameters(*h);
-        EXPECT_EQ(Bytes(h->m_bsMainValue), c.main) << c.name;
+        EXPECT_EQ(Str(h->m_bsMainValue), c.main) << c.name;
         std::vector<std::string> got;
-        for (auto& [k, v] : h->m_mapParams) got.push_back(Bytes(k) + "=" + Bytes(v));
+        for (auto& [k, v] : h->m_mapParams) got.push_back(Str(k) + "=" + Str(v));
         EXPECT_EQ(got, c.params) << c.name;
         h->Release();
     }
@@ -238,7 +242,7 @@ TEST_F(ParseTest, HtmlWithPdfGetsAGeneratedPlainAlternative) {
     EXPECT_EQ(Utf8(msg_->m_wsBodyText), "<p>Hello <b>world</b></p>");
     EXPECT_NE(Utf8(msg_->m_wsAltBodyText).find("Hello world"), std::string::npos);
     ASSERT_EQ(AttachmentCount(), 1u);
-    EXPECT_EQ(Bytes(Attachment(0).m_bsContent), "%PDF");
+    EXPECT_EQ(Str(Attachment(0).m_bsContent), "%PDF");
     EXPECT_EQ(Utf8(Attachment(0).m_wsFilename), "");  // Filename fills it in by its default rule
     EXPECT_EQ(Utf8(Attachment(0).DefaultFilename()), "att0.dat");
     EXPECT_TRUE(msg_->m_bHasAttachments);
@@ -253,7 +257,7 @@ TEST_F(ParseTest, AlternativeGivesHtmlBodyAndPlainAlternative) {
         EXPECT_EQ(msg_->m_nBodyFormat, 1);
         EXPECT_EQ(Utf8(msg_->m_wsBodyText), "<i>HTML</i>");
         EXPECT_EQ(Utf8(msg_->m_wsAltBodyText), options == 2 ? "HTML" : "caf\xC3\xA9") << options;
-        EXPECT_EQ(Bytes(msg_->m_bsCharset), "iso-8859-1");
+        EXPECT_EQ(Str(msg_->m_bsCharset), "iso-8859-1");
         EXPECT_FALSE(msg_->m_bHasAttachments);
     }
 }
@@ -268,7 +272,7 @@ TEST_F(ParseTest, HtmlOnlyAlternativeDependsOnOptions) {
     Parse(raw);
     EXPECT_EQ(Utf8(msg_->m_wsAltBodyText).substr(0, 1), "x");
     EXPECT_EQ(msg_->m_nCodepageOriginal, 65001);
-    EXPECT_EQ(Bytes(msg_->m_bsCharsetOriginal), "utf-8");
+    EXPECT_EQ(Str(msg_->m_bsCharsetOriginal), "utf-8");
 }
 
 TEST_F(ParseTest, TextPartsAreGlued) {
@@ -286,7 +290,8 @@ TEST_F(ParseTest, CalendarBecomesTheSpecialBody) {
                "--B\nContent-Type: text/calendar; method=REQUEST;\n charset=utf-8\n\nBEGIN:VCALENDAR\n--B--\n"));
     EXPECT_EQ(Utf8(msg_->m_wsBodyText), "plain");
     EXPECT_EQ(Utf8(msg_->m_wsSpecialBodyText), "BEGIN:VCALENDAR");
-    EXPECT_EQ(Bytes(msg_->m_bsSpecialBodyContentType), "text/calendar; method=REQUEST;\r\n charset=utf-8");
+    EXPECT_EQ(Str(msg_->m_bsSpecialBodyContentType),
+              "text/calendar; method=REQUEST;\r\n charset=utf-8");
 }
 
 TEST_F(ParseTest, EmbeddedMessageIsAnAttachmentNotParsed) {
@@ -297,7 +302,7 @@ TEST_F(ParseTest, EmbeddedMessageIsAnAttachmentNotParsed) {
     ASSERT_EQ(AttachmentCount(), 1u);
     EXPECT_TRUE(Attachment(0).m_bMessage);
     EXPECT_TRUE(Attachment(0).m_bInline);
-    EXPECT_EQ(Bytes(Attachment(0).m_bsContent), "Subject: inner\r\n\r\ninner body");
+    EXPECT_EQ(Str(Attachment(0).m_bsContent), "Subject: inner\r\n\r\ninner body");
     EXPECT_EQ(Utf8(Attachment(0).DefaultFilename()), "att0.eml");
 }
 
@@ -332,7 +337,7 @@ TEST_F(ParseTest, AttachmentOrTextTable) {
         }
         EXPECT_EQ(Utf8(Attachment(0).m_wsFilename), c.filename) << c.name;
         EXPECT_EQ(Attachment(0).m_bInline, c.is_inline) << c.name;
-        EXPECT_EQ(Bytes(Attachment(0).m_bsContent), "data") << c.name;
+        EXPECT_EQ(Str(Attachment(0).m_bsContent), "data") << c.name;
         EXPECT_EQ(Attachment(0).m_nOrdinal, 0) << c.name;
     }
 }
@@ -352,7 +357,7 @@ TEST_F(ParseTest, TransferEncodingsAreDecoded) {
         Parse(std::string("Content-Type: application/octet-stream\r\nContent-Transfer-Encoding: ") + c.encoding +
               "\r\n\r\n" + c.body);
         ASSERT_EQ(AttachmentCount(), 1u) << c.encoding;
-        EXPECT_EQ(Bytes(Attachment(0).m_bsContent), c.decoded) << c.encoding;
+        EXPECT_EQ(Str(Attachment(0).m_bsContent), c.decoded) << c.encoding;
     }
 }
 
@@ -360,7 +365,7 @@ TEST_F(ParseTest, UuencodedFilesInAPlainMailBody) {
     Parse(Crlf("Subject: uu\n\nbefore\nbegin 644 hi.txt\n%:&5L;&\\`\n`\nend\nafter\n"));
     ASSERT_EQ(AttachmentCount(), 1u);
     EXPECT_EQ(Utf8(Attachment(0).m_wsFilename), "hi.txt");
-    EXPECT_EQ(Bytes(Attachment(0).m_bsContent), "hello");
+    EXPECT_EQ(Str(Attachment(0).m_bsContent), "hello");
     EXPECT_FALSE(Attachment(0).m_bInline);
     EXPECT_EQ(Utf8(msg_->m_wsBodyText), "before\r\nafter\r\n");
 
@@ -405,10 +410,10 @@ TEST_F(ParseTest, HeaderPropertiesAndReceived) {
     EXPECT_EQ(Utf8(msg_->m_wsReplyToAddr), "r@x");
     EXPECT_EQ(Utf8(msg_->m_wsSubject), "\xE2\x9C\x93\xE2\x9C\x93");
     EXPECT_EQ(Utf8(msg_->m_wsBCCAddr), "kept@x");
-    EXPECT_EQ(Bytes(msg_->m_bsReturnPath), "<rp@x>");
-    EXPECT_EQ(Bytes(msg_->m_bsMessageId), "<id@x>");
-    EXPECT_EQ(Bytes(msg_->m_bsXMailer), "");  // a missing header empties the field
-    EXPECT_EQ(Bytes(msg_->m_bsReceived), "from a by b\r\nfrom c");
+    EXPECT_EQ(Str(msg_->m_bsReturnPath), "<rp@x>");
+    EXPECT_EQ(Str(msg_->m_bsMessageId), "<id@x>");
+    EXPECT_EQ(Str(msg_->m_bsXMailer), "");  // a missing header empties the field
+    EXPECT_EQ(Str(msg_->m_bsReceived), "from a by b\r\nfrom c");
     EXPECT_EQ(Header("Received"), "<none>");
     EXPECT_TRUE(msg_->m_pHeaders->Find("to")->m_bStandard);
     EXPECT_FALSE(msg_->m_pHeaders->Find("x-custom")->m_bStandard);
@@ -449,7 +454,7 @@ TEST_F(ParseTest, DeepNestingIsBoundedAndKeepsTheInnermostBytes) {
     Parse(raw);
     // The level past the limit is one attachment holding all the rest.
     ASSERT_EQ(AttachmentCount(), 1u);
-    EXPECT_NE(Bytes(Attachment(0).m_bsContent).find("deep text"), std::string::npos);
+    EXPECT_NE(Str(Attachment(0).m_bsContent).find("deep text"), std::string::npos);
 }
 
 TEST_F(ParseTest, PartCountIsBounded) {
@@ -458,7 +463,7 @@ TEST_F(ParseTest, PartCountIsBounded) {
     raw += "--b\r\nContent-Type: a/b\r\n\r\nlast\r\n--b--\r\n";
     Parse(raw);
     ASSERT_EQ(AttachmentCount(), size_t(kMaxParts));
-    EXPECT_NE(Bytes(Attachment(kMaxParts - 1).m_bsContent).find("last"), std::string::npos);
+    EXPECT_NE(Str(Attachment(kMaxParts - 1).m_bsContent).find("last"), std::string::npos);
 }
 
 TEST_F(ParseTest, RepeatedHeadersAndLongBoundariesStayLinear) {
@@ -489,13 +494,6 @@ TEST_F(ParseTest, TruncationAtEveryPointNeverBreaks) {
 }
 
 // ---- real messages that we did not write ------------------------------------------------------
-
-std::string ReadFile(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream all;
-    all << in.rdbuf();
-    return all.str();
-}
 
 TEST_F(ParseTest, MimeKitSamplesParse) {
     const std::filesystem::path dir = std::filesystem::path(KV_SOURCE_DIR) / "tests/data/messages/mimekit";

@@ -1,12 +1,12 @@
 // Certificate stores, the credential, and the settings of Korvane.SSL,
 // without a network.
 #include <gtest/gtest.h>
-
 #include <openssl/ssl.h>
 
 #include <filesystem>
 #include <string>
 
+#include "../support/text.h"
 #include "../support/tls_peer.h"
 #include "transport/ssl.h"
 
@@ -16,7 +16,7 @@ using kv::testing::TlsCertDir;
 
 namespace {
 
-std::string Text(const bstring& s) { return std::string(s.pData ? s.pData : "", size_t(s.nSize)); }
+using kv::testing::Str;
 
 class TlsCert : public ::testing::Test {
 protected:
@@ -52,9 +52,9 @@ TEST_P(TlsCredential, StatusAndChosenCertificate) {
     EXPECT_EQ(status, c.status);
     EXPECT_EQ(credential != nullptr, status == 0);
     if (status == 0) {
-        EXPECT_EQ(Text(to), c.chosen_subject);
+        EXPECT_EQ(Str(to), c.chosen_subject);
         if (*c.chosen_subject) {
-            EXPECT_EQ(Text(by), "Korvane Test CA");
+            EXPECT_EQ(Str(by), "Korvane Test CA");
             EXPECT_GT(expiry, 45000.0);
         } else {
             EXPECT_EQ(expiry, 0.0);
@@ -150,7 +150,7 @@ TEST(TlsSettings, SessionObjectStartsDisabled) {
     CSSL* created = CSSL::New();
     EXPECT_EQ(own->Enabled, 0);
     EXPECT_EQ(created->Enabled, 1);
-    EXPECT_EQ(Text(created->Crypt.ServerStore), "ROOT");
+    EXPECT_EQ(Str(created->Crypt.ServerStore), "ROOT");
     EXPECT_EQ(created->Crypt.Options, 2);
     own->Release();
     created->Release();
@@ -165,11 +165,11 @@ TEST_F(TlsCert, SelectClientCertFillsTheHolderAndEmptiesIssuedTo) {
     ssl->SelectClientCert(path, 2, empty, empty, friendly, good, &ok);
     EXPECT_EQ(ok, VARIANT_TRUE);
     EXPECT_EQ(ssl->Crypt.CredentialValid, 1);
-    EXPECT_EQ(Text(ssl->ClientCert->IssuedTo), "Korvane Test Client");
-    EXPECT_EQ(Text(ssl->ClientCert->IssuedBy), "Korvane Test CA");
+    EXPECT_EQ(Str(ssl->ClientCert->IssuedTo), "Korvane Test Client");
+    EXPECT_EQ(Str(ssl->ClientCert->IssuedBy), "Korvane Test CA");
     EXPECT_EQ(ssl->ClientCert->Exists, 1);
     EXPECT_EQ(ssl->Crypt.IssuedTo.nSize, 0);
-    EXPECT_EQ(Text(ssl->Crypt.FriendlyName), "Korvane Test Client");
+    EXPECT_EQ(Str(ssl->Crypt.FriendlyName), "Korvane Test Client");
 
     ssl->SelectClientCert(path, 2, empty, empty, empty, bad, &ok);
     EXPECT_EQ(ok, VARIANT_FALSE);
@@ -205,7 +205,7 @@ TEST_F(TlsCert, SelectServerCertStoreNeedsAnOpenableStore) {
         SysFreeString(path);
         EXPECT_EQ(ok, c.ok) << c.path;
         EXPECT_EQ(ssl->Crypt.Options, c.options_after) << c.path;
-        EXPECT_EQ(Text(ssl->Crypt.ServerStore), c.path);
+        EXPECT_EQ(Str(ssl->Crypt.ServerStore), c.path);
     }
     ssl->Release();
 }

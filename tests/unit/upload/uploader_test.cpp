@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "../support/text.h"
 #include "automation/bstr.h"
 #include "automation/safearray.h"
 #include "automation/variant.h"
@@ -20,10 +21,11 @@
 namespace kv {
 namespace {
 
+using kv::testing::Str;
+
 using automation::Bstr;
 namespace fs = std::filesystem;
 
-std::string Str(const bstring& b) { return b.nSize > 0 ? std::string(b.pData, size_t(b.nSize)) : std::string(); }
 std::string Take(BSTR s) { return Bstr::Attach(s).Utf8(); }
 
 // What the collections hold, in their order.
