@@ -79,7 +79,8 @@ def test_enumerated_values_out_of_range_are_ignored(msg):
     msg.BodyFormat = 2
     msg.BodyFormat = 4
     msg.BodyEncoding = 7
-    assert (msg.BodyFormat, msg.BodyEncoding) == (2, 2)
+    msg.AltBodyEncoding = 9
+    assert (msg.BodyFormat, msg.BodyEncoding, msg.AltBodyEncoding) == (2, 2, 2)
     msg.BodyFormat = "3"  # a script may pass text for a long
     assert msg.BodyFormat == 3
 

@@ -55,20 +55,12 @@ protected:
     CMessage* msg_ = nullptr;
 };
 
+// The defaults a script sees are checked through the host; these are the
+// ones it cannot see.
 TEST_F(MessageTest, DefaultsOfANewMessage) {
-    EXPECT_EQ(Get(&CMessage::get_Charset), "utf-8");
-    EXPECT_EQ(Get(&CMessage::get_XMailer), "Korvane Objects (ActiveX) 9.4");
-    EXPECT_EQ(Get(&CMessage::get_AddressDelimiter), ", ");
     EXPECT_TRUE(msg_->m_bNeedsRebuild);
-    EXPECT_EQ(msg_->m_nBodyEncoding, 2);
-    EXPECT_EQ(msg_->m_nAltBodyEncoding, 2);
-    EXPECT_EQ(msg_->m_nAltBodyOptions, 1);
     EXPECT_EQ(msg_->m_nTopCodepage, -1);
     EXPECT_EQ(msg_->m_bsBoundaryTail.nCapacity, 40);
-    EXPECT_TRUE(msg_->m_bAutoEncodeHeaders);
-    VARIANT_BOOL b = -1;
-    msg_->get_HasAttachments(&b);
-    EXPECT_EQ(b, VARIANT_FALSE);
 }
 
 // Which writes mark the raw text stale, starting from a message in step.
@@ -105,17 +97,6 @@ TEST_F(MessageTest, RebuildMarks) {
         c.write();
         EXPECT_EQ(msg_->m_bNeedsRebuild, c.marks) << c.name;
     }
-}
-
-TEST_F(MessageTest, IgnoredEnumValuesKeepTheOldValue) {
-    msg_->put_BodyFormat(2);
-    msg_->put_BodyFormat(4);
-    int32_t v = 0;
-    msg_->get_BodyFormat(&v);
-    EXPECT_EQ(v, 2);
-    msg_->put_AltBodyEncoding(9);
-    msg_->get_AltBodyEncoding(&v);
-    EXPECT_EQ(v, 2);
 }
 
 TEST_F(MessageTest, AssignedRawBodyReadsBackWithoutRebuild) {
@@ -245,13 +226,6 @@ TEST_F(MessageTest, DateAndMessageDateShareAField) {
     msg_->put_Date(Bstr::FromUtf8("Tue, 2 Jan 2024 00:00:00 +0000").get());
     EXPECT_EQ(Get(&CMessage::get_MessageDate), "Tue, 2 Jan 2024 00:00:00 +0000");
     EXPECT_TRUE(msg_->m_bDateSet);
-}
-
-TEST_F(MessageTest, LockedAlwaysReadsFalse) {
-    msg_->put_Locked(VARIANT_TRUE);
-    VARIANT_BOOL b = VARIANT_TRUE;
-    msg_->get_Locked(&b);
-    EXPECT_EQ(b, VARIANT_FALSE);
 }
 
 TEST_F(MessageTest, IsRtlBodyFollowsTheOriginalCodepage) {
