@@ -2,6 +2,8 @@
 // (broken greetings, closes mid-message, odd chunking, NTLMv1-only and MSN
 // logins, long lines), the reply helpers, the login exchanges byte for byte,
 // retrieval, UIDs, events with Proceed, and the error codes and texts.
+#include "pop3/pop3.h"
+
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -14,13 +16,13 @@
 
 #include "../support/event_sink.h"
 #include "../support/fake_server.h"
+#include "../support/text.h"
 #include "automation/safearray.h"
 #include "automation/variant.h"
 #include "codecs/digest.h"
 #include "codecs/encoding.h"
 #include "message/collections.h"
 #include "message/message.h"
-#include "pop3/pop3.h"
 #include "transport/ntlm.h"
 #include "transport/ssl.h"
 
@@ -29,8 +31,6 @@ using namespace kv::testing;
 using namespace kv::automation;
 
 namespace {
-
-std::string Str(const bstring& s) { return std::string(s.pData ? s.pData : "", size_t(s.nSize > 0 ? s.nSize : 0)); }
 
 std::string Base64(const std::string& text) {
     bstring out;
@@ -581,42 +581,6 @@ public:
     }
 };
 
-TEST(Pop3Events, OrderOfARetrievalAndCancelInProgress) {
-    std::string body = "Subject: e\r\n\r\n" + std::string(40000, 'y') + "\r\n";
-    FakeServer server(Then(Opening("+OK 2 80000\r\n", "+OK\r\n1 40000\r\n2 40000\r\n.\r\n"),
-                           {Hear("RETR 1\r\n"), Say("+OK\r\n" + body + ".\r\n", 10000, 20), Hear("RETR 2\r\n"),
-                            Say("+OK\r\n" + body.substr(0, 20000), 10000, 20), Hang()}));
-    Session s;
-    RecordingSink sink;
-    uint32_t cookie = 0;
-    ASSERT_EQ(s.pop->Events()->Advise(&sink, &cookie), S_OK);
-    VARIANT_BOOL on = VARIANT_TRUE;
-    s.pop->put_EnableEvents(on);
-    ASSERT_TRUE(s.Connect(server));
-    EXPECT_TRUE(sink.events.empty());  // no events while connecting
-    CMessage* m = s.Retrieve(1);
-    ASSERT_NE(m, nullptr);
-    m->Release();
-    ASSERT_GE(sink.events.size(), 4u);
-    EXPECT_EQ(sink.events.front(), "start 1");
-    EXPECT_EQ(sink.events[1], "progress 1");
-    EXPECT_EQ(sink.events[sink.events.size() - 2], "complete 1");
-    EXPECT_EQ(sink.events.back(), "message 1");
-    for (size_t i = 1; i + 2 < sink.events.size(); ++i) EXPECT_EQ(sink.events[i], "progress 1");
-
-    sink.events.clear();
-    sink.answer = [](DISPID id, int32_t) { return id != kOnReceiveProgress; };
-    EXPECT_EQ(s.Retrieve(2), nullptr);
-    EXPECT_EQ(sink.events, (std::vector<std::string>{"start 2", "progress 2"}));
-    EXPECT_EQ(s.pop->ErrCode, 202);
-    EXPECT_EQ(s.ErrDesc(), "[Error: Operation cancelled by user. Connection closed.]");
-    EXPECT_FALSE(s.pop->Connected);
-    // A cancelled object doesn't reconnect behind the user's back.
-    EXPECT_EQ(s.Retrieve(1), nullptr);
-    EXPECT_EQ(s.pop->ErrCode, 202);
-    s.pop->Events()->Unadvise(cookie);
-}
-
 TEST(Pop3Events, StartRefusedCancelsBeforeTheCommand) {
     FakeServer server(Opening());
     Session s;
@@ -686,20 +650,14 @@ TEST(Pop3Commands, UidsAreListedOnceAndSearchedIgnoringCase) {
     EXPECT_EQ(server.Transcript(), "user alice\r\npass secret\r\nSTAT\r\nLIST\r\nUIDL\r\nQUIT\r\n");
 }
 
-TEST(Pop3Commands, DeletePingAndCustomCommands) {
-    FakeServer server(Then(Opening(), {Hear("DELE 2\r\n"), Say("+OK marked\r\n"), Hear("noop\r\n"),
-                                       Say("-ERR nope\r\n"), Hear("CAPA\r\n"), Say("-ERR unknown\r\n"),
-                                       Hear("CAPA\r\n"), Say("+OK\r\nUIDL\r\nTOP\r\n.\r\n")}));
+// Deletion, numbering and the replies to custom commands are checked against
+// Dovecot; here the answers a real server won't give.
+TEST(Pop3Commands, RefusedPingAndTheLastChunkOfACustomCommand) {
+    FakeServer server(Then(Opening(), {Hear("noop\r\n"), Say("-ERR nope\r\n"), Hear("CAPA\r\n"),
+                                       Say("+OK\r\nUIDL\r\nTOP\r\n.\r\n")}));
     Session s;
     ASSERT_TRUE(s.Connect(server));
-    VARIANT_BOOL ok = VARIANT_FALSE;
-    s.pop->DeleteMessage(3, &ok);
-    EXPECT_EQ(ok, VARIANT_FALSE);
-    EXPECT_EQ(s.pop->ErrCode, 203);
-    s.pop->DeleteMessage(2, &ok);
-    EXPECT_EQ(ok, VARIANT_TRUE);
-    EXPECT_EQ(s.pop->MessageCount, 2);  // numbering doesn't change within a session
-    EXPECT_TRUE(s.Logged("[Sending DELE: DELE 2\\r\\n]"));
+    VARIANT_BOOL ok = VARIANT_TRUE;
     s.pop->Ping(&ok);
     EXPECT_EQ(ok, VARIANT_FALSE);
     EXPECT_EQ(s.pop->ErrCode, 216);
@@ -707,15 +665,10 @@ TEST(Pop3Commands, DeletePingAndCustomCommands) {
     EXPECT_TRUE(s.pop->Connected);
 
     BSTR cmd = SysAllocString(u"CAPA\r\n"), reply = nullptr;
-    s.pop->SendCommand(cmd, VARIANT_TRUE, &reply);  // the error ends at its first line
-    EXPECT_EQ(Text(reply), "-ERR unknown\r\n");
-    EXPECT_EQ(s.pop->ErrCode, 216);
-    EXPECT_EQ(s.ErrDesc(), "[Error: Custom command failed]");
     s.pop->SendCommand(cmd, VARIANT_TRUE, &reply);
-    EXPECT_EQ(Text(reply), "+OK\r\nUIDL\r\nTOP\r\n.\r\n");
-    EXPECT_FALSE(s.pop->IsError);
-    EXPECT_TRUE(s.Logged("[Sending custom command: CAPA\\r\\n]"));
     SysFreeString(cmd);
+    EXPECT_EQ(Text(reply), "+OK\r\nUIDL\r\nTOP\r\n.\r\n");
+    EXPECT_TRUE(s.Logged("[Sending custom command: CAPA\\r\\n]"));
     BSTR chunk = nullptr;
     s.pop->GetLastReceivedDataChunk(&chunk);
     EXPECT_EQ(Text(chunk), "+OK\r\nUIDL\r\nTOP\r\n.\r\n");
