@@ -1,11 +1,7 @@
 """HTML to plain text and back through Korvane.Message, as a script uses them."""
-import os
-
 import pytest
 
 import korvane
-
-DATA = os.path.join(os.path.dirname(__file__), "..", "data", "html")
 
 
 @pytest.fixture
@@ -73,17 +69,3 @@ def test_make_alt_body_only_for_html_bodies(msg):
     assert msg.MakeAltBody() is True
     assert msg.AltBodyText == "a & b <u v> \r\n\r\n"
     assert msg.BodyText == "<p>a &amp; <a href=\"u v\">b</a></p>"
-
-
-@pytest.mark.parametrize("name, options", [
-    ("welcome_newsletter", 12),
-    ("outlook_reply_polish", 1),
-    ("word_newsletter", 1),
-])
-def test_real_world_mail_as_a_script_gets_it(msg, name, options):
-    with open(os.path.join(DATA, name + ".html"), encoding="utf-8", newline="") as f:
-        html = f.read()
-    with open(os.path.join(DATA, "%s.o%d.txt" % (name, options)), encoding="utf-8", newline="") as f:
-        expected = f.read()
-    msg.AltBodyOptions = options
-    assert msg.GetPlainFromHtml(html) == expected

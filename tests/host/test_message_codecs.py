@@ -1,5 +1,5 @@
 """Addresses, header words, charsets and dates through Korvane.Message, as a
-script uses them. Charset conversions are checked against Python's codecs."""
+script uses them."""
 import datetime
 
 import pytest
@@ -27,31 +27,17 @@ def ansi(data):
 
 
 # Charset name as a mail program writes it, Python's codec, a text it can carry.
+# The unit tests hold every charset against Python's codecs; these few cross
+# the script host: multi-byte, stateful, four-byte and the 1252 holes.
 SAMPLES = [
     ("utf-8", "utf-8", "Grüße, 日本語, Ελληνικά ✓"),
-    ("iso-8859-1", "latin-1", "Café crème à la française"),
-    ("ISO-8859-2", "iso8859-2", "Zażółć gęślą jaźń"),
-    ("iso-8859-5", "iso8859-5", "Привет мир"),
-    ("iso-8859-7", "iso8859-7", "Καλημέρα κόσμε"),
-    ("iso-8859-9", "iso8859-9", "Ağaç şişe üzüm"),
-    ("iso-8859-15", "iso8859-15", "Prix: 10 € œuvre"),
-    ("windows-1250", "cp1250", "Příliš žluťoučký kůň"),
     ("windows-1251", "cp1251", "Съешь же ещё этих булок"),
     ("windows-1252", "cp1252", "“Smart” quotes – and € signs"),
-    ("windows-1253", "cp1253", "Γειά σου"),
-    ("windows-1256", "cp1256", "مرحبا بالعالم"),
     ("koi8-r", "koi8-r", "Широкая электрификация"),
-    ("koi8-u", "koi8-u", "Ґанок і їжак"),
     ("shift_jis", "cp932", "日本語のテキスト、カタカナ"),
-    ("euc-jp", "euc-jp", "漢字とひらがな"),
     ("iso-2022-jp", "iso2022-jp", "こんにちは世界"),
-    ("gb2312", "gbk", "简体中文测试"),
     ("gb18030", "gb18030", "中文 𠀀 测试"),
-    ("big5", "cp950", "繁體中文測試"),
-    ("euc-kr", "cp949", "한국어 텍스트"),
     ("ks_c_5601-1987", "cp949", "안녕하세요"),
-    ("windows-874", "cp874", "ภาษาไทย"),
-    ("us-ascii", "ascii", "plain ASCII only"),
 ]
 
 
