@@ -2,16 +2,18 @@
 //
 // KV_BENCH_MB sets the size of each input (default 8; 100 for the full run):
 //   KV_BENCH_MB=100 ./build/bench_codepage
+// KV_BENCH_ROAD=sse2 or avx2 holds the conversions below the processor's
+// highest road, to see what machines without AVX-512 (or AVX2) get.
 // "measure+fill" is how callers use the functions (count, then convert);
 // "fill" is one conversion into a buffer known to be large enough.
+#include "platform/codepage.h"
+
 #include <benchmark/benchmark.h>
 #include <iconv.h>
 
 #include <cstdlib>
 #include <random>
 #include <string>
-
-#include "platform/codepage.h"
 
 namespace {
 
@@ -28,8 +30,8 @@ size_t InputBytes() {
 // or CJK, lines of about 70 characters.
 std::string MakeUtf8(size_t size) {
     std::mt19937 rng(1234);
-    const char* extras[] = {"\xC3\xA9", "\xC3\xBC", "\xC3\x9F", "\xE2\x82\xAC", "\xE6\x97\xA5",
-                            "\xE6\x9C\xAC", "\xED\x95\x9C", "\xF0\x9F\x98\x80"};
+    const char* extras[] = {"\xC3\xA9",     "\xC3\xBC",     "\xC3\x9F",     "\xE2\x82\xAC",
+                            "\xE6\x97\xA5", "\xE6\x9C\xAC", "\xED\x95\x9C", "\xF0\x9F\x98\x80"};
     std::string s;
     s.reserve(size + 8);
     size_t line = 0;
@@ -66,6 +68,17 @@ std::string Make1252(size_t size) {
     return s;
 }
 
+// Applied before any benchmark runs.
+const bool kRoadChosen = [] {
+    const char* road = std::getenv("KV_BENCH_ROAD");
+    if (!road) return false;
+    std::string name(road);
+    kv::platform::detail::AllowUtfRoad(name == "sse2"   ? kv::platform::detail::UtfRoad::kSse2
+                                       : name == "avx2" ? kv::platform::detail::UtfRoad::kAvx2
+                                                        : kv::platform::detail::UtfRoad::kAvx512);
+    return true;
+}();
+
 const std::string& Utf8Input() {
     static const std::string s = MakeUtf8(InputBytes());
     return s;
@@ -87,7 +100,8 @@ void Ours_ToWide(benchmark::State& state, int cp, const std::string& in, bool me
     std::u16string out(in.size(), u'\0');
     for (auto _ : state) {
         int n = static_cast<int>(out.size());
-        if (measure) n = MultiByteToWideChar(cp, 0, in.data(), static_cast<int>(in.size()), nullptr, 0);
+        if (measure)
+            n = MultiByteToWideChar(cp, 0, in.data(), static_cast<int>(in.size()), nullptr, 0);
         int got = MultiByteToWideChar(cp, 0, in.data(), static_cast<int>(in.size()), out.data(), n);
         benchmark::DoNotOptimize(got);
         if (got == 0) state.SkipWithError("conversion failed");
@@ -100,7 +114,8 @@ void Ours_FromWide(benchmark::State& state, int cp, const std::string& bytes, bo
     std::string out(bytes.size() + 16, '\0');
     for (auto _ : state) {
         int n = static_cast<int>(out.size());
-        if (measure) n = WideCharToMultiByte(cp, 0, in.data(), static_cast<int>(in.size()), nullptr, 0);
+        if (measure)
+            n = WideCharToMultiByte(cp, 0, in.data(), static_cast<int>(in.size()), nullptr, 0);
         int got = WideCharToMultiByte(cp, 0, in.data(), static_cast<int>(in.size()), out.data(), n);
         benchmark::DoNotOptimize(got);
         if (got == 0) state.SkipWithError("conversion failed");
@@ -125,7 +140,8 @@ void Iconv_ToWide(benchmark::State& state, const char* charset, const std::strin
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * in.size());
 }
 
-void Iconv_FromWide(benchmark::State& state, int cp, const char* charset, const std::string& bytes) {
+void Iconv_FromWide(benchmark::State& state, int cp, const char* charset,
+                    const std::string& bytes) {
     const std::u16string in = ToWide(cp, bytes);
     iconv_t cd = iconv_open(charset, "UTF-16LE");
     std::string out(bytes.size() + 16, '\0');
@@ -144,30 +160,53 @@ void Iconv_FromWide(benchmark::State& state, int cp, const char* charset, const 
 }
 
 // Bytes per second count the byte text in both directions.
-void BM_Utf8ToWide_Ours(benchmark::State& s) { Ours_ToWide(s, 65001, Utf8Input(), true); }
-void BM_Utf8ToWide_OursFill(benchmark::State& s) { Ours_ToWide(s, 65001, Utf8Input(), false); }
-void BM_Utf8ToWide_Iconv(benchmark::State& s) { Iconv_ToWide(s, "UTF-8", Utf8Input()); }
-void BM_WideToUtf8_Ours(benchmark::State& s) { Ours_FromWide(s, 65001, Utf8Input(), true); }
-void BM_WideToUtf8_OursFill(benchmark::State& s) { Ours_FromWide(s, 65001, Utf8Input(), false); }
-void BM_WideToUtf8_Iconv(benchmark::State& s) { Iconv_FromWide(s, 65001, "UTF-8", Utf8Input()); }
-void BM_Cp1252ToWide_Ours(benchmark::State& s) { Ours_ToWide(s, 1252, Cp1252Input(), true); }
-void BM_Cp1252ToWide_Iconv(benchmark::State& s) { Iconv_ToWide(s, "CP1252", Cp1252Input()); }
-void BM_WideToCp1252_Ours(benchmark::State& s) { Ours_FromWide(s, 1252, Cp1252Input(), true); }
-void BM_WideToCp1252_Iconv(benchmark::State& s) { Iconv_FromWide(s, 1252, "CP1252", Cp1252Input()); }
+void BM_Utf8ToWide_Ours(benchmark::State& s) {
+    Ours_ToWide(s, 65001, Utf8Input(), true);
+}
+void BM_Utf8ToWide_OursFill(benchmark::State& s) {
+    Ours_ToWide(s, 65001, Utf8Input(), false);
+}
+void BM_Utf8ToWide_Iconv(benchmark::State& s) {
+    Iconv_ToWide(s, "UTF-8", Utf8Input());
+}
+void BM_WideToUtf8_Ours(benchmark::State& s) {
+    Ours_FromWide(s, 65001, Utf8Input(), true);
+}
+void BM_WideToUtf8_OursFill(benchmark::State& s) {
+    Ours_FromWide(s, 65001, Utf8Input(), false);
+}
+void BM_WideToUtf8_Iconv(benchmark::State& s) {
+    Iconv_FromWide(s, 65001, "UTF-8", Utf8Input());
+}
+void BM_Cp1252ToWide_Ours(benchmark::State& s) {
+    Ours_ToWide(s, 1252, Cp1252Input(), true);
+}
+void BM_Cp1252ToWide_Iconv(benchmark::State& s) {
+    Iconv_ToWide(s, "CP1252", Cp1252Input());
+}
+void BM_WideToCp1252_Ours(benchmark::State& s) {
+    Ours_FromWide(s, 1252, Cp1252Input(), true);
+}
+void BM_WideToCp1252_Iconv(benchmark::State& s) {
+    Iconv_FromWide(s, 1252, "CP1252", Cp1252Input());
+}
 
 // Short strings through an iconv page: what the per-thread descriptor cache buys.
 void BM_ShortCp932ToWide_Ours(benchmark::State& state) {
-    const std::string in = "Subject: \x93\xFA\x96\x7B\x8C\xEA\x82\xCC\x83\x65\x83\x4C\x83\x58\x83\x67";
+    const std::string in =
+        "Subject: \x93\xFA\x96\x7B\x8C\xEA\x82\xCC\x83\x65\x83\x4C\x83\x58\x83\x67";
     char16_t out[64];
     for (auto _ : state) {
         int n = MultiByteToWideChar(932, 0, in.data(), static_cast<int>(in.size()), nullptr, 0);
-        benchmark::DoNotOptimize(MultiByteToWideChar(932, 0, in.data(), static_cast<int>(in.size()), out, n));
+        benchmark::DoNotOptimize(
+            MultiByteToWideChar(932, 0, in.data(), static_cast<int>(in.size()), out, n));
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * in.size());
 }
 
 void BM_ShortCp932ToWide_IconvOpenPerCall(benchmark::State& state) {
-    const std::string in = "Subject: \x93\xFA\x96\x7B\x8C\xEA\x82\xCC\x83\x65\x83\x4C\x83\x58\x83\x67";
+    const std::string in =
+        "Subject: \x93\xFA\x96\x7B\x8C\xEA\x82\xCC\x83\x65\x83\x4C\x83\x58\x83\x67";
     char16_t out[64];
     for (auto _ : state) {
         iconv_t cd = iconv_open("UTF-16LE", "CP932");

@@ -191,7 +191,7 @@ const uint8_t* ReverseTable(const SingleByteTable* table) {
 // stream that is also busy computing; asking for the input a little ahead
 // keeps the long conversions' loads coming from cache. A prefetch never
 // faults, so running past the end is harmless.
-constexpr uintptr_t kPrefetchAhead = 2048;
+constexpr uintptr_t kPrefetchAhead = 4096;
 
 [[gnu::always_inline]] inline void PrefetchAhead(const void* p) {
     _mm_prefetch(reinterpret_cast<const char*>(reinterpret_cast<uintptr_t>(p) + kPrefetchAhead),
@@ -1659,6 +1659,32 @@ KV_AVX512 inline size_t Utf16FillWindowAvx512(const char16_t* s, uint8_t* d, siz
     return taken;
 }
 
+// Counts the UTF-8 of UTF-16 text 32 units a step with nothing to carry
+// between steps: one byte a unit, one more from U+0080 and another from
+// U+0800, less two for each pair (3 + 3 becomes 4). A lone surrogate counts
+// three, as U+FFFD; so does a low unit the careful road sees first, whose
+// pair was already counted here.
+KV_AVX512 ConvertResult Utf16CountAvx512(const char16_t* s, size_t n) {
+    const __m512i fc00 = _mm512_set1_epi16(static_cast<short>(0xFC00));
+    const __m512i d800 = _mm512_set1_epi16(static_cast<short>(0xD800));
+    const __m512i dc00 = _mm512_set1_epi16(static_cast<short>(0xDC00));
+    size_t i = 0, o = 0;
+    for (; n - i >= 33; i += 32) {
+        PrefetchAhead(s + i);
+        __m512i u = _mm512_loadu_si512(s + i);
+        __m512i next = _mm512_loadu_si512(s + i + 1);
+        uint32_t two = _mm512_cmpge_epu16_mask(u, _mm512_set1_epi16(0x80));
+        uint32_t three = _mm512_cmpge_epu16_mask(u, _mm512_set1_epi16(0x800));
+        uint32_t pairs = _mm512_cmpeq_epi16_mask(_mm512_and_si512(u, fc00), d800) &
+                         _mm512_cmpeq_epi16_mask(_mm512_and_si512(next, fc00), dc00);
+        o += 32 + static_cast<size_t>(__builtin_popcount(two)) +
+             static_cast<size_t>(__builtin_popcount(three)) -
+             2 * static_cast<size_t>(__builtin_popcount(pairs));
+    }
+    if (ConvertResult r = WideToUtf8Careful<false>(s, n, i, n, nullptr, 0, o, false)) return r;
+    return static_cast<ConvertResult>(o);
+}
+
 KV_AVX512 ConvertResult Utf16FillAvx512(const char16_t* s, size_t n, uint8_t* d, size_t cap,
                                         bool strict) {
     size_t i = 0, o = 0;
@@ -1703,7 +1729,8 @@ ConvertResult WideToUtf8(const char16_t* s, size_t n, uint8_t* d, size_t cap, bo
     if (!kFill) d = nullptr;
     size_t i = 0, o = 0;
 #if defined(__SSE2__)
-    if (kFill && UseAvx512()) return Utf16FillAvx512(s, n, d, cap, strict);
+    if (UseAvx512() && (kFill || !strict))
+        return kFill ? Utf16FillAvx512(s, n, d, cap, strict) : Utf16CountAvx512(s, n);
     if (UseAvx2())
         return kFill ? Utf16FillAvx2(s, n, d, cap, strict) : Utf16CountAvx2(s, n, strict);
     while (n - i >= 64 && (!kFill || cap - o >= 128)) {
