@@ -1264,6 +1264,30 @@ ConvertResult WideToUtf8Careful(const char16_t* s, size_t n, size_t& i_io, size_
     _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm_packus_epi16(a, b));
 }
 
+// Writes the UTF-8 of the character at s, not ASCII, at d (four bytes of
+// room) and returns its length: a pair when `pair`, else one unit (a lone
+// surrogate becomes U+FFFD).
+[[gnu::always_inline]] inline size_t EncodeMultibyte(const char16_t* s, bool pair, uint8_t* d) {
+    uint32_t u = s[0];
+    uint32_t seq;
+    size_t len;
+    if (pair) {
+        u = 0x10000 + ((u - 0xD800) << 10) + (s[1] - 0xDC00u);
+        seq = (0xF0 | u >> 18) | (0x80 | ((u >> 12) & 0x3F)) << 8 |
+              (0x80 | ((u >> 6) & 0x3F)) << 16 | (0x80 | (u & 0x3F)) << 24;
+        len = 4;
+    } else {
+        if (u - 0xD800 < 0x800) u = 0xFFFD;
+        uint32_t two = (0xC0 | u >> 6) | (0x80 | (u & 0x3F)) << 8;
+        uint32_t three =
+            (0xE0 | u >> 12) | (0x80 | ((u >> 6) & 0x3F)) << 8 | (0x80 | (u & 0x3F)) << 16;
+        seq = u < 0x800 ? two : three;
+        len = u < 0x800 ? 2 : 3;
+    }
+    std::memcpy(d, &seq, 4);  // little-endian: first byte lowest
+    return len;
+}
+
 // The window road for 32 units at s, which starts a character; 64 units are
 // readable. Returns the units taken (a high surrogate at the end waits for
 // the next window) and their bytes in `bytes`, or 0 when the careful road
@@ -1325,25 +1349,9 @@ template <bool kFill>
         size_t extra = 0;
         for (uint32_t m = ~ascii_bits & ~(pair_high << 1) & in; m; m &= m - 1) {
             size_t q = static_cast<size_t>(__builtin_ctz(m));
-            uint32_t u = s[q];
-            uint32_t seq;
-            size_t len, used = 1;
-            if ((pair_high >> q) & 1) {
-                u = 0x10000 + ((u - 0xD800) << 10) + (s[q + 1] - 0xDC00u);
-                seq = (0xF0 | u >> 18) | (0x80 | ((u >> 12) & 0x3F)) << 8 |
-                      (0x80 | ((u >> 6) & 0x3F)) << 16 | (0x80 | (u & 0x3F)) << 24;
-                len = 4;
-                used = 2;
-            } else {
-                if (u - 0xD800 < 0x800) u = 0xFFFD;  // a lone surrogate
-                uint32_t two = (0xC0 | u >> 6) | (0x80 | (u & 0x3F)) << 8;
-                uint32_t three =
-                    (0xE0 | u >> 12) | (0x80 | ((u >> 6) & 0x3F)) << 8 | (0x80 | (u & 0x3F)) << 16;
-                seq = u < 0x800 ? two : three;
-                len = u < 0x800 ? 2 : 3;
-            }
+            size_t used = (pair_high >> q) & 1 ? 2 : 1;
             size_t p = q + extra;
-            std::memcpy(d + p, &seq, 4);  // little-endian: first byte lowest
+            size_t len = EncodeMultibyte(s + q, used == 2, d + p);
             StoreNarrowed(d + p + len, s + q + used);
             extra += len - used;
         }
@@ -1520,25 +1528,9 @@ __attribute__((target("avx2,popcnt"))) inline size_t Utf16FillWindowAvx2(const c
     size_t extra = 0;
     for (uint32_t m = ~ascii & ~(pair_high << 1) & in; m; m &= m - 1) {
         size_t q = static_cast<size_t>(__builtin_ctz(m));
-        uint32_t u = s[q];
-        uint32_t seq;
-        size_t len, used = 1;
-        if ((pair_high >> q) & 1) {
-            u = 0x10000 + ((u - 0xD800) << 10) + (s[q + 1] - 0xDC00u);
-            seq = (0xF0 | u >> 18) | (0x80 | ((u >> 12) & 0x3F)) << 8 |
-                  (0x80 | ((u >> 6) & 0x3F)) << 16 | (0x80 | (u & 0x3F)) << 24;
-            len = 4;
-            used = 2;
-        } else {
-            if (u - 0xD800 < 0x800) u = 0xFFFD;  // a lone surrogate
-            uint32_t two = (0xC0 | u >> 6) | (0x80 | (u & 0x3F)) << 8;
-            uint32_t three =
-                (0xE0 | u >> 12) | (0x80 | ((u >> 6) & 0x3F)) << 8 | (0x80 | (u & 0x3F)) << 16;
-            seq = u < 0x800 ? two : three;
-            len = u < 0x800 ? 2 : 3;
-        }
+        size_t used = (pair_high >> q) & 1 ? 2 : 1;
         size_t p = q + extra;
-        std::memcpy(d + p, &seq, 4);  // little-endian: first byte lowest
+        size_t len = EncodeMultibyte(s + q, used == 2, d + p);
         StoreNarrowedAvx2(d + p + len, s + q + used);
         extra += len - used;
     }

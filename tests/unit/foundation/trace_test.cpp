@@ -5,33 +5,26 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <functional>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "../support/trace_capture.h"
+
 namespace kv {
 namespace {
 
 namespace fs = std::filesystem;
 
-class TraceTest : public ::testing::Test {
+// The shared fixture's private trace directory, with the raw file and its
+// prefixes checked here as well.
+class TraceTest : public testing::TraceCapture {
 protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/kvtraceXXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        dir_ = pattern;
-        chmod(dir_.c_str(), 0700);
-        TraceSetDirectoryForTesting(dir_.c_str());
-    }
-    void TearDown() override {
-        TraceSetDirectoryForTesting(nullptr);
-        fs::remove_all(dir_);
-    }
     std::string File() const { return dir_ + "/korvane_debug.txt"; }
     std::string Contents() const {
         std::ifstream in(File(), std::ios::binary);
@@ -62,7 +55,6 @@ protected:
         }
         return out;
     }
-    std::string dir_;
 };
 
 TEST_F(TraceTest, LinesAppearInOrderWithPrefix) {
