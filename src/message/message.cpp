@@ -4,6 +4,7 @@
 
 #include "automation/error.h"
 #include "codecs/mediatype.h"
+#include "foundation/dotstuff.h"
 #include "foundation/trace.h"
 #include "message/files.h"
 #include "platform/timezone.h"
@@ -84,6 +85,18 @@ void CMessage::ImportRawMessage(bool headers_only, int32_t server_size) {
     RawBodyToMessage();
     m_nServerSize = m_bHeadersOnly ? server_size : m_bsRawBody.nSize;
     m_bNeedsRebuild = false;
+}
+
+void CMessage::ImportReceivedText(const char* data, int32_t size, bool dot_stuffed, bool headers_only,
+                                  int32_t server_size) {
+    if (size < 0) size = 0;
+    m_bsRawBody.nSize = 0;
+    m_bsRawBody.reserve(size);
+    if (dot_stuffed)
+        m_bsRawBody.nSize = Unstuff(data, size, m_bsRawBody.pData);
+    else
+        m_bsRawBody.assign(data, size);
+    ImportRawMessage(headers_only, server_size);
 }
 
 void CMessage::RemoveHeaderRecord(const char* name) {

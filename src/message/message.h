@@ -72,6 +72,12 @@ public:
     void EnsureRawBody();
     // The caller stored bytes in m_bsRawBody directly: parse them now.
     void ImportRawMessage(bool headers_only, int32_t server_size);
+    // A session hands over the text of a message it received: data[0, size)
+    // becomes the raw text (with "\r\n.." read as "\r\n." when dot_stuffed,
+    // data starting just after a line break) and is parsed. headers_only: the
+    // head alone, whose size is the server's server_size.
+    void ImportReceivedText(const char* data, int32_t size, bool dot_stuffed, bool headers_only,
+                            int32_t server_size);
     // Compose the decoded side into m_bsRawBody / parse m_bsRawBody into the
     // decoded side. Parsing never fails.
     void MessageToRawBody();

@@ -19,14 +19,18 @@
 namespace kv {
 
 class CMessage;
-class CSSL;
 
 // The two decisions of the protocol: "+" is positive; a multi-line reply
-// ends in CRLF.CRLF, and an error reply ends at its first line.
+// ends in CRLF.CRLF, and an error reply ends at its first line. A login
+// step is continued by "+ " and the challenge is the reply's second word.
 class POP3Mailer : public GenericMailer {
 public:
     bool IsResponsePositive() override;
     bool IsResponseReceived() override;
+    bool IsChallenge() override;
+    bool ChallengeSpan(int32_t& begin, int32_t& end) override;
+    // QUIT; a negative but complete reply is accepted.
+    bool Logout() override;
 };
 
 // The values of AuthMethod.
@@ -46,6 +50,18 @@ enum Pop3Phase : int32_t {
     kPop3Retrieving = 4,
     kPop3MessageReceived = 5,
     kPop3CommandRunning = 6,
+};
+
+// The ErrCode values of POP3 beyond the shared ones.
+enum Pop3Error : int32_t {
+    kPop3Cancelled = 202,
+    kPop3BadIndex = 203,
+    kPop3AuthRefused = 211,     // the AUTH command, or an unknown AuthMethod
+    kPop3TokenFailed = 212,     // a login token or challenge step
+    kPop3Credentials = 213,     // empty where needed, or refused
+    kPop3StatFailed = 214,
+    kPop3ListFailed = 215,
+    kPop3CommandFailed = 216,  // greeting, QUIT, UIDL, RETR, TOP, DELE, NOOP, custom commands
 };
 
 // Event identifiers of _IPOP3Events.
@@ -80,13 +96,6 @@ public:
     static CPOP3* New();
 
     // ---- fields beyond the shared ones ----
-    bstring TargetName;
-    bstring UserDomain;
-    bstring ServerName{"localhost"};
-    bstring UserName;
-    bstring Password;
-    int32_t PortNumber = 110;
-    int32_t AuthMethod = kPop3AuthUserPass;
     int32_t MessageCount = 0;
     int32_t TotalSize = 0;
     int32_t CurrentIndex = 0;
@@ -95,12 +104,11 @@ public:
     std::vector<int32_t> MessageSizes;
     std::vector<bstring> UIDs;
     bool UIDsReady = false;
-    CSSL* SSLObject = nullptr;  // one reference, or null: no TLS
 
     // ---- the session ----
     bool ConnectPOP3Complete();
     bool ConnectPOP3();
-    bool DisconnectPOP3();
+    bool DisconnectPOP3() { return Logout(); }
     // Retrieves message index into message: the whole message with
     // bodyLines < 0, else its head and that many body lines.
     bool RetrieveMessageFromPOP3(CMessage* message, int32_t index, int32_t bodyLines, int32_t altBodyOptions);
@@ -108,62 +116,23 @@ public:
 
     bool OnDataReceived(int32_t bytes) override;
 
-    // ---- IPOP3 ----
+    // ---- IPOP3, beyond the shared members and the plain fields ----
     HRESULT Connect(BSTR serverName, int32_t portNumber, BSTR userName, BSTR password, BSTR userDomain,
                     BSTR targetName, VARIANT_BOOL* out);
     HRESULT Disconnect(VARIANT_BOOL* out);
     HRESULT RetrieveSingleMessage(int32_t index, IDispatch** out);
     HRESULT RetrieveSingleMessageHeaders(int32_t index, int32_t bodyLinesCount, IDispatch** out);
-    HRESULT get_AuthMethod(int32_t* out);
-    HRESULT put_AuthMethod(int32_t value);
-    HRESULT get_Timeout(int32_t* out);
-    HRESULT put_Timeout(int32_t value);
     HRESULT RetrieveHeaders(int32_t first, int32_t last, int32_t bodyLinesCount, IDispatch** out);
     HRESULT RetrieveMessages(int32_t first, int32_t last, IDispatch** out);
-    HRESULT get_Connected(VARIANT_BOOL* out);
-    HRESULT get_EnableLogging(VARIANT_BOOL* out);
-    HRESULT put_EnableLogging(VARIANT_BOOL value);
-    HRESULT get_ErrDesc(BSTR* out);
-    HRESULT get_IsError(VARIANT_BOOL* out);
-    HRESULT get_MessageCount(int32_t* out);
-    HRESULT get_LogFilePath(BSTR* out);
-    HRESULT put_LogFilePath(BSTR value);
-    HRESULT get_ServerName(BSTR* out);
-    HRESULT put_ServerName(BSTR value);
-    HRESULT get_SSL(IDispatch** out);
-    HRESULT putref_SSL(IDispatch* value);
-    HRESULT get_AltBodyOptions(int32_t* out);
-    HRESULT put_AltBodyOptions(int32_t value);
-    HRESULT get_AltBodyHRefSuffix(BSTR* out);
-    HRESULT put_AltBodyHRefSuffix(BSTR value);
     HRESULT GetMessageNumberFromUID(BSTR uid, int32_t* out);
     HRESULT GetMessageUID(int32_t messageNumber, BSTR* out);
-    HRESULT get_UserDomain(BSTR* out);
-    HRESULT put_UserDomain(BSTR value);
-    HRESULT get_TargetName(BSTR* out);
-    HRESULT put_TargetName(BSTR value);
     HRESULT GetLastReceivedDataChunk(BSTR* out);
-    HRESULT get_UserName(BSTR* out);
-    HRESULT put_UserName(BSTR value);
-    HRESULT get_Password(BSTR* out);
-    HRESULT put_Password(BSTR value);
-    HRESULT get_PortNumber(int32_t* out);
-    HRESULT put_PortNumber(int32_t value);
-    HRESULT ClearLog(VARIANT_BOOL* out);
     HRESULT DeleteMessage(int32_t index, VARIANT_BOOL* out);
     HRESULT SendCommand(BSTR command, VARIANT_BOOL expectMultiline, BSTR* out);
     HRESULT Ping(VARIANT_BOOL* out);
     HRESULT get_Size(int32_t index, int32_t* out);
-    HRESULT get_EnableEvents(VARIANT_BOOL* out);
-    HRESULT put_EnableEvents(VARIANT_BOOL value);
-    HRESULT get_TotalSize(int32_t* out);
-    HRESULT get_ServerResponse(BSTR* out);
-    HRESULT get_ClientRequest(BSTR* out);
-    HRESULT get_Busy(VARIANT_BOOL* out);
-    HRESULT Abort(VARIANT_BOOL* out);
-    HRESULT get_ErrCode(int32_t* out);
-    HRESULT get_CodepageMode(int32_t* out);
-    HRESULT put_CodepageMode(int32_t value);
+    // Code pages are the message's business: the session keeps none, reads
+    // 0 and ignores a write.
     HRESULT get_Codepage(int32_t* out);
     HRESULT put_Codepage(int32_t value);
     HRESULT Search(VARIANT* out);
@@ -172,25 +141,8 @@ private:
     CPOP3();
     ~CPOP3() override;
 
-    // Closes the connection of a failed login step: ErrCode is code when
-    // the server answered, else the socket's error; logs the error line
-    // (error_line, or the usual one), the response and the reason.
-    bool FailLogin(int32_t code, const char* reason = nullptr, const char* error_line = nullptr);
-    // A failed command on a live session: a complete negative reply keeps
-    // the session (Phase 2, ErrCode code); anything else closes it.
-    void FailCommand(int32_t code);
-    bool StartTLS();
     bool LoginUserPass();
     bool LoginApop(const bstring& greeting);
-    bool LoginNegotiate();
-    bool LoginXoauth2();
-    // ClientRequest = token in base64 and a CRLF.
-    void SetTokenRequest(const bstring& token);
-    // Sets the error without touching ErrCode: IsError, ErrDesc, logged.
-    void Describe(const char* text);
-    // Decodes the challenge in the reply into challenge; false (and the
-    // login failed) when the reply has no second word.
-    bool TakeChallenge(bstring& challenge);
     // Fires the event of the current Phase; false after the user said stop.
     bool FireStateEvent();
     // Connects when not connected; false when that failed.

@@ -7,10 +7,16 @@
 
 #include "foundation/trace.h"
 #include "platform/files.h"
+#include "transport/ssl.h"
 
 namespace kv {
 
-GenericMailer::~GenericMailer() = default;
+GenericMailer::GenericMailer() = default;
+GenericMailer::~GenericMailer() { Socket.Crypt = nullptr; }
+
+void GenericMailer::SetAuthCommand(const char* mechanism) {
+    ClientRequest.assign("AUTH ").append(mechanism).append("\r\n");
+}
 
 // ---- the cycle ----
 
@@ -125,35 +131,183 @@ bool GenericMailer::FireWithProceed(int32_t dispid, std::initializer_list<VARIAN
 void GenericMailer::CancelByUser(int32_t code) {
     IsError = true;
     if (Connected) {
-        Phase = 3;
+        Phase = kPhaseDisconnecting;
         Socket.Disconnect();
         Connected = false;
-        Phase = 0;
+        Phase = kPhaseIdle;
     }
     SetError("[Error: Operation cancelled by user. Connection closed.]", code);
 }
 
-void GenericMailer::CloseAfterNetworkFailure(bool aborted_line) {
+void GenericMailer::Ready() {
+    IsError = false;
+    Phase = kPhaseReady;
+    ErrCode = kErrNone;
+}
+
+void GenericMailer::Describe(const char* text) {
+    IsError = true;
+    ErrDesc.assign(text);
+    WriteLog(text);
+}
+
+// ---- the engine of a session ----
+
+void GenericMailer::UseOwnSSL() {
+    SSLObject = automation::ComPtr<CSSL>::Attach(CSSL::NewForSession());
+    Socket.Crypt = &SSLObject->Crypt;
+}
+
+bool GenericMailer::SetSSL(IDispatch* ssl) {
+    CSSL* object = CSSL::FromDispatch(ssl);
+    if (ssl && !object) return false;
+    SSLObject = object;
+    Socket.Crypt = object ? &object->Crypt : nullptr;
+    return true;
+}
+
+bool GenericMailer::ImplicitTLS() const { return SSLObject && SSLObject->Enabled && !SSLObject->UseStartTLS; }
+
+bool GenericMailer::StartTLSWanted() const { return SSLObject && SSLObject->Enabled && SSLObject->UseStartTLS; }
+
+void GenericMailer::AutosetTLS(int32_t tls_port, int32_t plain_port) {
+    if (!SSLObject || !SSLObject->AutosetPortAndSSL) return;
+    if (PortNumber == tls_port) {
+        SSLObject->Enabled = 1;
+        SSLObject->UseStartTLS = 0;
+    } else if (PortNumber == plain_port && SSLObject->Enabled && !SSLObject->UseStartTLS) {
+        SSLObject->UseStartTLS = 1;
+    }
+}
+
+bool GenericMailer::OpenConnection() {
+    std::string host(ServerName.pData ? ServerName.pData : "", size_t(ServerName.nSize > 0 ? ServerName.nSize : 0));
+    int32_t r = Socket.Connect(host.c_str(), PortNumber);
+    if (r == 0) return true;
+    bstring line("[Error: Socket.Connect returned code ");
+    line.append_int(r).append("]");
+    WriteLog(line.pData, line.nSize);
+    ErrCode = Socket.LastError;
+    return false;
+}
+
+bool GenericMailer::StartSSL() {
+    WriteLog("[Initiating SSL Connection]");
+    int32_t status = SSLObject->Init(&Socket);
+    SSLObject->SetStatus(status);
+    if (status == 0) return true;  // the channel marks bytes left over from the handshake itself
+    ErrCode = Socket.LastError ? Socket.LastError : kErrTlsInit;
+    Socket.Disconnect();
+    WriteLog("[Error: SSL Init Failed]");
+    return false;
+}
+
+bool GenericMailer::UpgradeToTLS(const char* command, const char* reason) {
+    WriteLog("[Switching to SSL over regular port mode]");
+    if (!SendAndCheck(command)) return FailClosing(kErrStartTlsRefused, reason);
+    return StartSSL();
+}
+
+bool GenericMailer::EndSession(int32_t not_connected_code) {
+    bool ok = false;
+    if (Connected) {
+        Phase = kPhaseDisconnecting;
+        WriteLog("[Disconnecting from the server]");
+        ok = Logout();
+        Connected = false;
+        IsError = !ok;
+        if (ok)
+            ErrCode = kErrNone;
+        else
+            Describe("[Error: Disconnection failure]");
+        WriteLog("[Connection closed]");
+    } else {
+        Describe("[Error: Not connected]");
+        if (not_connected_code >= 0) ErrCode = not_connected_code;
+    }
+    Phase = kPhaseIdle;
+    return ok;
+}
+
+bool GenericMailer::Quit(const char* command, int32_t refused_code) {
+    if (!SendAndCheck(command) && !IsResponseReceived()) return FailClosing(refused_code);
+    int32_t r = Socket.Disconnect();
+    if (r == 0) return true;
+    ErrCode = Socket.LastError;
+    bstring line("[Error: Socket.Disconnect returned code ");
+    line.append_int(r).append("]");
+    WriteLog(line.pData, line.nSize);
+    return false;
+}
+
+// ---- the two failure roads ----
+
+bool GenericMailer::FailClosing(int32_t code, const char* reason, const char* error_line) {
+    ErrCode = IsResponseReceived() ? code : Socket.LastError;
+    Socket.Disconnect();
+    if (QuietAbort && ErrCode == kErrAborted) return false;
+    WriteLog(error_line ? error_line : "[Error: Negative or void server response]");
+    LogResponse();
+    if (reason) LogReason(reason);
+    return false;
+}
+
+void GenericMailer::FailCommand(int32_t code) {
+    IsError = true;
+    if (!IsResponseReceived()) {
+        CloseAfterNetworkFailure();
+        return;
+    }
+    if (Connected) {
+        Phase = kPhaseReady;
+        ErrCode = code;
+    }
+}
+
+void GenericMailer::CloseAfterNetworkFailure() {
     ErrCode = Socket.LastError;
     IsError = true;
-    Phase = 3;
+    Phase = kPhaseDisconnecting;
     Socket.Disconnect();
     Connected = false;
-    Phase = 0;
-    if (aborted_line && ErrCode == 7)
+    Phase = kPhaseIdle;
+    if (QuietAbort && ErrCode == kErrAborted)
         WriteLog("[Operation aborted. Connection closed.]");
     else
         WriteLog("[Connection closed due to network error or timeout.]");
 }
 
-GenericMailer::Failure GenericMailer::ResolveFailure(int32_t refused_code, bool aborted_line) {
-    if (IsResponseReceived()) {
-        ErrCode = refused_code;
-        IsError = true;
-        return Failure::Refused;
-    }
-    CloseAfterNetworkFailure(aborted_line);
-    return Failure::ConnectionGone;
+// ---- the members every session object binds ----
+
+HRESULT GenericMailer::AbortCall(VARIANT_BOOL* out) {
+    *out = Abort() ? VARIANT_TRUE : VARIANT_FALSE;
+    return S_OK;
+}
+
+HRESULT GenericMailer::ClearLogCall(VARIANT_BOOL* out) {
+    *out = ClearLog() ? VARIANT_TRUE : VARIANT_FALSE;
+    return S_OK;
+}
+
+HRESULT GenericMailer::get_EnableEvents(VARIANT_BOOL* out) {
+    *out = EventsEnabled() ? VARIANT_TRUE : VARIANT_FALSE;
+    return S_OK;
+}
+
+HRESULT GenericMailer::put_EnableEvents(VARIANT_BOOL value) {
+    SetEventsEnabled(value != 0);
+    return S_OK;
+}
+
+HRESULT GenericMailer::get_SSL(IDispatch** out) {
+    *out = SSLObject.get();
+    if (*out) (*out)->AddRef();
+    return S_OK;
+}
+
+HRESULT GenericMailer::putref_SSL(IDispatch* value) {
+    if (Connected) return S_OK;
+    return SetSSL(value) ? S_OK : DISP_E_TYPEMISMATCH;
 }
 
 // ---- the session log ----
@@ -191,8 +345,8 @@ bool GenericMailer::WriteLogEscaped(const char* prefix, const bstring& text, con
     return WriteLog(line.data(), int32_t(line.size()));
 }
 
-bool GenericMailer::LogResponse(const char* no_response) {
-    if (ServerResponse.nSize < 2) return WriteLog(no_response);
+bool GenericMailer::LogResponse() {
+    if (ServerResponse.nSize < 2) return WriteLog("[Server returned no response]");
     return WriteLogEscaped("[Server responded: ", ServerResponse, "]");
 }
 

@@ -268,11 +268,6 @@ std::vector<LoginCase> LoginCases() {
          "AUTH XOAUTH2\r\n" + xoauth + "\r\n", false, 213,
          {"[Possible error reason: incorrect UserName and/or OAuth2 access token (if you decode server reply "
           "from base64, you may get more information)]"}},
-        {"XOAUTH2 not offered", 6, "alice", "tok-1",
-         {Say(kGreeting), Hear("AUTH XOAUTH2\r\n"), Say("-ERR unknown mechanism\r\n")}, "AUTH XOAUTH2\r\n", false,
-         211,
-         {"[Possible error reason: XOAUTH2 authentication type (auth xoauth2 command) is not supported by this "
-          "server]"}},
         {"NTLM not offered", 2, "alice", "secret",
          {Say(kGreeting), Hear("AUTH NTLM\r\n"), Say("-ERR\r\n")}, "AUTH NTLM\r\n", false, 211,
          {"[Sending AUTH NTLM\\r\\n]",
@@ -354,19 +349,6 @@ TEST(Pop3Login, StatisticsAndShortListArePadded) {
     EXPECT_FALSE(s.Disconnect());
     EXPECT_EQ(s.pop->ErrCode, 1);
     EXPECT_EQ(s.ErrDesc(), "[Error: Not connected]");
-}
-
-TEST(Pop3Login, RefusedStlsClosesWithCode11) {
-    FakeServer server({Say(kGreeting), Hear("stls\r\n"), Say("-ERR not here\r\n")});
-    Session s;
-    CSSL* ssl = s.pop->SSLObject;
-    ssl->Enabled = 1;
-    ssl->UseStartTLS = 1;
-    EXPECT_FALSE(s.Connect(server));
-    EXPECT_EQ(s.pop->ErrCode, 11);
-    EXPECT_FALSE(s.pop->Socket.Connected);
-    EXPECT_TRUE(s.Logged("[Switching to SSL over regular port mode]"));
-    EXPECT_TRUE(s.Logged("[Possible error reason: STLS not supported]"));
 }
 
 TEST(Pop3Login, GmailHostsMoveToTheTlsPort) {
@@ -687,45 +669,6 @@ TEST(Pop3Commands, NoAuthenticationLeavesNothingToIndex) {
     EXPECT_EQ(ok, VARIANT_FALSE);
     EXPECT_EQ(s.pop->ErrCode, 2);
     EXPECT_EQ(s.ErrDesc(), "[Error: Already connected]");
-}
-
-TEST(Pop3Object, PropertiesAndBusyFrame) {
-    Session s;
-    s.pop->put_AuthMethod(-1);
-    EXPECT_EQ(s.pop->AuthMethod, 0);
-    s.pop->put_AuthMethod(99);  // accepted here, refused at connect
-    EXPECT_EQ(s.pop->AuthMethod, 99);
-    s.pop->put_Codepage(65001);
-    int32_t cp = 1;
-    s.pop->get_Codepage(&cp);
-    EXPECT_EQ(cp, 0);
-    IDispatch* ssl = nullptr;
-    s.pop->get_SSL(&ssl);
-    ASSERT_NE(ssl, nullptr);
-    EXPECT_EQ(CSSL::FromDispatch(ssl)->Enabled, 0);
-    EXPECT_EQ(s.pop->putref_SSL(nullptr), S_OK);
-    EXPECT_EQ(s.pop->SSLObject, nullptr);
-    EXPECT_EQ(s.pop->Socket.Crypt, nullptr);
-    EXPECT_EQ(s.pop->putref_SSL(ssl), S_OK);
-    EXPECT_EQ(s.pop->Socket.Crypt, &CSSL::FromDispatch(ssl)->Crypt);
-    ssl->Release();
-    CMessage* other = CMessage::New();
-    EXPECT_NE(s.pop->putref_SSL(other), S_OK);
-    other->Release();
-
-    // A call while busy answers at once and touches nothing.
-    s.pop->Busy = true;
-    s.pop->ErrCode = 42;
-    VARIANT_BOOL ok = VARIANT_TRUE;
-    s.pop->Ping(&ok);
-    EXPECT_EQ(ok, VARIANT_FALSE);
-    EXPECT_EQ(s.pop->ErrCode, 42);
-    s.pop->Abort(&ok);
-    EXPECT_EQ(ok, VARIANT_TRUE);
-    EXPECT_EQ(s.pop->Socket.Running, 0);
-    s.pop->Busy = false;
-    s.pop->Abort(&ok);
-    EXPECT_EQ(ok, VARIANT_FALSE);
 }
 
 }  // namespace

@@ -1,0 +1,136 @@
+// Properties bound straight to fields, so that a plain property is written
+// once, in its table row:
+//
+//   FieldGet<CThing, &CThing::Count>(12, "Count"),                 // read only
+//   Field<CThing, &CThing::Name>(13, "Name"),                      // read, write
+//   Field<CThing, &CThing::Port, NonNegative>(14, "Port"),          // a refused value is ignored
+//   Field<CThing, &CThing::Path, nullptr, &CThing::PathChanged>(15, "Path"),  // told after a write
+//
+// The field may be a data member of C or of a base of C, or a member function
+// of C returning a reference to the value (for a value held deeper inside).
+// How a field crosses: int32_t as I4; bool as BOOL; bstring as BSTR byte for
+// byte through code page 1252 (raw text, as the message's raw side); wbstring
+// as BSTR unit for unit.
+//
+// A check is a function bool(T) that accepts a written value; a refused value
+// leaves the field as it was and the write still succeeds, as the objects'
+// properties behave. The change hook is a member function void() of C, called
+// after an accepted write.
+//
+// BindOn<C, &Base::Member>() binds a member function that a base of C
+// implements (Bind deduces the class from the pointer, which must then be C).
+#pragma once
+
+#include <cstdint>
+#include <type_traits>
+
+#include "automation/members.h"
+#include "foundation/bstring.h"
+
+namespace kv::automation {
+
+inline bool NonNegative(int32_t v) { return v >= 0; }
+
+namespace detail {
+
+template <class T>
+struct FieldWire;
+template <>
+struct FieldWire<int32_t> {
+    using Wire = int32_t;
+    static constexpr VARTYPE vt = VT_I4;
+    static Wire Out(const int32_t& f) { return f; }
+    static int32_t In(Wire w) { return w; }
+};
+template <>
+struct FieldWire<bool> {
+    using Wire = int16_t;
+    static constexpr VARTYPE vt = VT_BOOL;
+    static Wire Out(const bool& f) { return f ? VARIANT_TRUE : VARIANT_FALSE; }
+    static bool In(Wire w) { return w != 0; }
+};
+template <>
+struct FieldWire<bstring> {
+    using Wire = BSTR;
+    static constexpr VARTYPE vt = VT_BSTR;
+    static Wire Out(const bstring& f) { return f.to_bstr(0); }
+    static bstring In(Wire w) {
+        bstring s;
+        s.assign_bstr(w);
+        return s;
+    }
+};
+template <>
+struct FieldWire<wbstring> {
+    using Wire = BSTR;
+    static constexpr VARTYPE vt = VT_BSTR;
+    static Wire Out(const wbstring& f) { return f.to_bstr(); }
+    static wbstring In(Wire w) {
+        wbstring s;
+        s.assign_bstr(w);
+        return s;
+    }
+};
+
+// The value F names inside an object of C.
+template <class C, auto F>
+decltype(auto) FieldOf(C& c) {
+    if constexpr (std::is_member_object_pointer_v<decltype(F)>)
+        return (c.*F);
+    else
+        return (c.*F)();
+}
+
+template <class C, auto F>
+using FieldType = std::remove_cvref_t<decltype(FieldOf<C, F>(std::declval<C&>()))>;
+
+template <class C, auto F, auto Check, auto Changed>
+struct FieldBinder {
+    using T = FieldType<C, F>;
+    using W = FieldWire<T>;
+    using Wire = typename W::Wire;
+    static constexpr Signature kGetSig{0, true, {}, Out<Wire*>::kind};
+    static constexpr Signature kPutSig{1, false, {In<Wire>::kind}, ArgKind::I4};
+
+    static HRESULT Get(ObjectBase* self, VARIANT*, VARIANT* result) {
+        *Out<Wire*>::Slot(result) = W::Out(FieldOf<C, F>(*static_cast<C*>(self)));
+        return S_OK;
+    }
+    static HRESULT Put(ObjectBase* self, VARIANT* args, VARIANT*) {
+        C& c = *static_cast<C*>(self);
+        T value = W::In(In<Wire>::Get(args[0]));
+        if constexpr (!std::is_null_pointer_v<decltype(Check)>)
+            if (!Check(value)) return S_OK;
+        FieldOf<C, F>(c) = std::move(value);
+        if constexpr (!std::is_null_pointer_v<decltype(Changed)>) (c.*Changed)();
+        return S_OK;
+    }
+};
+
+template <class C, auto F, class B, class... A>
+Binding BindOnMember(HRESULT (B::*)(A...)) {
+    static_assert(std::is_base_of_v<B, C>);
+    using Bd = Bound<F, C, A...>;
+    return Binding{&Bd::Thunk, &Bd::kSig};
+}
+
+}  // namespace detail
+
+template <class C, auto F>
+MemberInfo FieldGet(DISPID id, const char* name) {
+    using B = detail::FieldBinder<C, F, nullptr, nullptr>;
+    return Property(id, name, B::W::vt, Binding{&B::Get, &B::kGetSig});
+}
+
+template <class C, auto F, auto Check = nullptr, auto Changed = nullptr>
+MemberInfo Field(DISPID id, const char* name) {
+    using B = detail::FieldBinder<C, F, Check, Changed>;
+    return Property(id, name, B::W::vt, Binding{&B::Get, &B::kGetSig}, Binding{&B::Put, &B::kPutSig});
+}
+
+template <class C, auto F>
+Binding BindOn() {
+    return detail::BindOnMember<C, F>(F);
+}
+
+}  // namespace kv::automation
