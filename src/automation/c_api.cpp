@@ -133,25 +133,9 @@ std::string InvokeMessage(kv_object* o, int32_t dispid, int kind, int nargs, HRE
 }
 
 // A sink object that forwards each event to a C callback.
-class CallbackSink final : public IDispatch {
+class CallbackSink final : public UnknownImpl<IDispatch, IID_IDispatch> {
 public:
     CallbackSink(kv_sink fn, void* ctx) : fn_(fn), ctx_(ctx) {}
-    HRESULT QueryInterface(REFIID riid, void** ppv) override {
-        if (!ppv) return E_POINTER;
-        if (riid == IID_IUnknown || riid == IID_IDispatch) {
-            *ppv = static_cast<IDispatch*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *ppv = nullptr;
-        return E_NOINTERFACE;
-    }
-    uint32_t AddRef() override { return ++refs_; }
-    uint32_t Release() override {
-        uint32_t n = --refs_;
-        if (n == 0) delete this;
-        return n;
-    }
     HRESULT GetTypeInfoCount(uint32_t* n) override {
         if (n) *n = 0;
         return S_OK;
@@ -170,8 +154,6 @@ private:
     ~CallbackSink() = default;
     kv_sink fn_;
     void* ctx_;
-    std::atomic<uint32_t> refs_{1};
-    LiveCount live_;
 };
 
 HRESULT FindPoint(kv_object* o, IConnectionPoint** cp) {

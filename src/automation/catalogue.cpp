@@ -33,25 +33,9 @@ bool MatchesProgID(const ClassInfo& cls, std::string_view name) {
            SameProgID(name.substr(0, p.size()), p);
 }
 
-class ClassFactory final : public IClassFactory {
+class ClassFactory final : public UnknownImpl<IClassFactory, IID_IClassFactory> {
 public:
     explicit ClassFactory(const ClassInfo& cls) : cls_(cls) {}
-    HRESULT QueryInterface(REFIID riid, void** ppv) override {
-        if (!ppv) return E_POINTER;
-        if (riid == IID_IUnknown || riid == IID_IClassFactory) {
-            *ppv = static_cast<IClassFactory*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *ppv = nullptr;
-        return E_NOINTERFACE;
-    }
-    uint32_t AddRef() override { return ++refs_; }
-    uint32_t Release() override {
-        uint32_t n = --refs_;
-        if (n == 0) delete this;
-        return n;
-    }
     HRESULT CreateInstance(IUnknown* outer, REFIID riid, void** ppv) override {
         if (!ppv) return E_POINTER;
         *ppv = nullptr;
@@ -74,8 +58,6 @@ public:
 private:
     ~ClassFactory() = default;
     const ClassInfo& cls_;
-    std::atomic<uint32_t> refs_{1};
-    LiveCount live_;
 };
 
 }  // namespace

@@ -15,25 +15,9 @@ struct Items {
     }
 };
 
-class VariantEnumerator final : public IEnumVARIANT {
+class VariantEnumerator final : public UnknownImpl<IEnumVARIANT, IID_IEnumVARIANT> {
 public:
     explicit VariantEnumerator(std::shared_ptr<Items> items) : items_(std::move(items)) {}
-    HRESULT QueryInterface(REFIID riid, void** ppv) override {
-        if (!ppv) return E_POINTER;
-        if (riid == IID_IUnknown || riid == IID_IEnumVARIANT) {
-            *ppv = static_cast<IEnumVARIANT*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *ppv = nullptr;
-        return E_NOINTERFACE;
-    }
-    uint32_t AddRef() override { return ++refs_; }
-    uint32_t Release() override {
-        uint32_t n = --refs_;
-        if (n == 0) delete this;
-        return n;
-    }
     HRESULT Next(uint32_t celt, VARIANT* rgVar, uint32_t* fetched) override {
         if (!rgVar && celt) return E_POINTER;
         uint32_t n = 0;
@@ -69,8 +53,6 @@ private:
     ~VariantEnumerator() = default;
     std::shared_ptr<Items> items_;
     size_t pos_ = 0;
-    std::atomic<uint32_t> refs_{1};
-    LiveCount live_;
 };
 
 }  // namespace

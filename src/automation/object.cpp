@@ -18,32 +18,14 @@ LiveCount::~LiveCount() { --g_live; }
 
 namespace {
 
-class TypeInfo final : public ITypeInfo {
+class TypeInfo final : public UnknownImpl<ITypeInfo, IID_IKvTypeInfo> {
 public:
     explicit TypeInfo(const InterfaceInfo& iface) : iface_(iface) {}
-    HRESULT QueryInterface(REFIID riid, void** ppv) override {
-        if (!ppv) return E_POINTER;
-        if (riid == IID_IUnknown || riid == IID_IKvTypeInfo) {
-            *ppv = static_cast<ITypeInfo*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *ppv = nullptr;
-        return E_NOINTERFACE;
-    }
-    uint32_t AddRef() override { return ++refs_; }
-    uint32_t Release() override {
-        uint32_t n = --refs_;
-        if (n == 0) delete this;
-        return n;
-    }
     const InterfaceInfo* GetInterfaceInfo() override { return &iface_; }
 
 private:
     ~TypeInfo() = default;
     const InterfaceInfo& iface_;
-    std::atomic<uint32_t> refs_{1};
-    LiveCount live_;
 };
 
 const char* DescribeFailure(HRESULT hr) {

@@ -30,6 +30,38 @@ public:
     ~LiveCount();
 };
 
+// The IUnknown of a small object behind one interface I, which answers to
+// IUnknown and to the identifiers Iids: reference counted from 1, deleted at
+// the last Release, counted as live.
+template <class I, const IID&... Iids>
+class UnknownImpl : public I {
+public:
+    HRESULT QueryInterface(REFIID riid, void** ppv) override {
+        if (!ppv) return E_POINTER;
+        if (riid == IID_IUnknown || ((riid == Iids) || ...)) {
+            *ppv = static_cast<I*>(this);
+            AddRef();
+            return S_OK;
+        }
+        *ppv = nullptr;
+        return E_NOINTERFACE;
+    }
+    uint32_t AddRef() override { return ++refs_; }
+    uint32_t Release() override {
+        uint32_t n = --refs_;
+        if (n == 0) delete this;
+        return n;
+    }
+
+protected:
+    UnknownImpl() = default;
+    virtual ~UnknownImpl() = default;
+
+private:
+    std::atomic<uint32_t> refs_{1};
+    LiveCount live_;
+};
+
 // QueryInterface with this identifier gives the ObjectBase behind any of our
 // interface pointers (one reference added), so that code inside the library
 // can reach the object and its class from what a host handed back.
