@@ -19,35 +19,32 @@ void to_hex(char text[33], const unsigned char digest[16]) {
 
 }  // namespace
 
-void Md5Init(Md5State& state) {
-    EVP_MD_CTX* ctx = EVP_MD_CTX_new();
-    if (ctx && EVP_DigestInit_ex(ctx, EVP_md5(), nullptr) != 1) {
-        EVP_MD_CTX_free(ctx);
-        ctx = nullptr;
+Md5State::Md5State() : ctx_(EVP_MD_CTX_new()) {
+    if (ctx_ && EVP_DigestInit_ex(static_cast<EVP_MD_CTX*>(ctx_), EVP_md5(), nullptr) != 1) {
+        EVP_MD_CTX_free(static_cast<EVP_MD_CTX*>(ctx_));
+        ctx_ = nullptr;
     }
-    state.ctx = ctx;
 }
 
-void Md5Update(Md5State& state, const void* bytes, int32_t length) {
-    if (state.ctx && bytes && length > 0)
-        EVP_DigestUpdate(static_cast<EVP_MD_CTX*>(state.ctx), bytes, size_t(length));
+Md5State::~Md5State() { EVP_MD_CTX_free(static_cast<EVP_MD_CTX*>(ctx_)); }
+
+void Md5State::Update(const void* bytes, int32_t length) {
+    if (ctx_ && bytes && length > 0) EVP_DigestUpdate(static_cast<EVP_MD_CTX*>(ctx_), bytes, size_t(length));
 }
 
-void Md5Final(unsigned char digest[16], Md5State& state) {
+void Md5State::Final(unsigned char digest[16]) {
     std::memset(digest, 0, 16);
-    auto* ctx = static_cast<EVP_MD_CTX*>(state.ctx);
+    auto* ctx = static_cast<EVP_MD_CTX*>(ctx_);
     if (!ctx) return;
     unsigned int n = 0;
     EVP_DigestFinal_ex(ctx, digest, &n);
-    EVP_MD_CTX_free(ctx);
-    state.ctx = nullptr;
+    EVP_DigestInit_ex(ctx, EVP_md5(), nullptr);
 }
 
 void Md5Bytes(const void* bytes, int32_t length, unsigned char digest[16]) {
     Md5State state;
-    Md5Init(state);
-    Md5Update(state, bytes, length);
-    Md5Final(digest, state);
+    state.Update(bytes, length);
+    state.Final(digest);
 }
 
 void Md5Hex(char text[33], const void* bytes, int32_t length) {
@@ -75,14 +72,12 @@ void HmacMd5(const void* text, int32_t length, const void* key, int32_t key_leng
     }
     unsigned char inner_digest[16];
     Md5State state;
-    Md5Init(state);
-    Md5Update(state, inner, 64);
-    Md5Update(state, text, length);
-    Md5Final(inner_digest, state);
-    Md5Init(state);
-    Md5Update(state, outer, 64);
-    Md5Update(state, inner_digest, 16);
-    Md5Final(digest, state);
+    state.Update(inner, 64);
+    state.Update(text, length);
+    state.Final(inner_digest);
+    state.Update(outer, 64);
+    state.Update(inner_digest, 16);
+    state.Final(digest);
 }
 
 void HmacMd5Hex(char hex[33], const void* text, int32_t length, const void* key,

@@ -7,14 +7,21 @@
 
 namespace kv {
 
-// A running MD5: Md5Init, any number of Md5Update, Md5Final.
-struct Md5State {
-    void* ctx = nullptr;  // the library's digest context
+// A running MD5: any number of Update, then Final, which also starts it
+// over. The library's digest context lives as long as the object.
+class Md5State {
+public:
+    Md5State();
+    ~Md5State();
+    Md5State(const Md5State&) = delete;
+    Md5State& operator=(const Md5State&) = delete;
+    void Update(const void* bytes, int32_t length);
+    // The 16-byte digest; zeros when the library gave no context.
+    void Final(unsigned char digest[16]);
+
+private:
+    void* ctx_;
 };
-void Md5Init(Md5State& state);
-void Md5Update(Md5State& state, const void* bytes, int32_t length);
-// Writes the 16-byte digest and frees the state's context.
-void Md5Final(unsigned char digest[16], Md5State& state);
 
 void Md5Bytes(const void* bytes, int32_t length, unsigned char digest[16]);
 // 32 lower-case hexadecimal digits and a NUL into text.
