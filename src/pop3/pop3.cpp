@@ -44,16 +44,6 @@ bool InGmailDomain(const bstring& name) {
     return name.nSize == n || name.pData[name.nSize - n - 1] == '.';
 }
 
-bool EqualsIgnoringCase(const bstring& a, const bstring& b) {
-    if (a.nSize != b.nSize) return false;
-    for (int32_t i = 0; i < a.nSize; ++i) {
-        unsigned char x = static_cast<unsigned char>(a.pData[i]), y = static_cast<unsigned char>(b.pData[i]);
-        if (x != y && !(x < 0x80 && y < 0x80 && (x | 0x20) == (y | 0x20) && (x | 0x20) >= 'a' && (x | 0x20) <= 'z'))
-            return false;
-    }
-    return true;
-}
-
 // The lines of an un-stuffed reply, empty ones left out; token 1 of each.
 std::vector<bstring> SecondTokens(const bstring& text) {
     std::vector<bstring> tokens;
@@ -571,7 +561,7 @@ HRESULT CPOP3::GetMessageNumberFromUID(BSTR uid, int32_t* out) {
     bstring wanted;
     wanted.assign_bstr(uid);
     for (size_t i = 0; i < UIDs.size(); ++i)
-        if (EqualsIgnoringCase(UIDs[i], wanted)) return *out = int32_t(i + 1), S_OK;
+        if (UIDs[i].equals(wanted)) return *out = int32_t(i + 1), S_OK;
     IsError = true;
     ErrCode = kPop3BadIndex;
     ErrDesc.assign("[Error: UID value not found]");
