@@ -10,6 +10,7 @@
 #include "message/collections.h"
 #include "message/message.h"
 #include "pop3/pop3.h"
+#include "smtp/smtp.h"
 #include "shell/classes.h"
 #include "shell/identifiers.h"
 #include "shell/registration.h"
@@ -31,7 +32,6 @@ HRESULT Make(IDispatch** out) {
 
 // Interfaces of classes whose subsystems are not in this build: the
 // identity is fixed now, the members arrive with the classes.
-const InterfaceInfo kISMTPPending("ISMTP", IID_ISMTP, {});
 const InterfaceInfo kIIMAP4Pending("IIMAP4", IID_IIMAP4, {});
 const InterfaceInfo kIIMAP4ResponsePending("IIMAP4Response", IID_IIMAP4Response, {});
 const InterfaceInfo kIEnvelopePending("IEnvelope", IID_IEnvelope, {});
@@ -51,7 +51,7 @@ const ClassInfo kMIMEHeaderClass{"CMIMEHeader", "Korvane.MIMEHeader", "MIMEHeade
 const ClassInfo kMIMEHeadersClass{"CMIMEHeaders", "Korvane.MIMEHeaders", "MIMEHeaders Class", CLSID_MIMEHeaders, &kIMIMEHeaders, nullptr, false, &Make<CMIMEHeaders>};
 const ClassInfo kBodyPartClass{"CBodyPart", "Korvane.BodyPart", "BodyPart Class", CLSID_BodyPart, &kIBodyPart, nullptr, false, &Make<CBodyPart>};
 const ClassInfo kPOP3Class{"CPOP3", "Korvane.POP3", "POP3 Class", CLSID_POP3, &kIPOP3, &kIPOP3Events, true, &Make<CPOP3>};
-const ClassInfo kSMTPClass{"CSMTP", "Korvane.SMTP", "SMTP Class", CLSID_SMTP, &kISMTPPending, nullptr, true, nullptr};
+const ClassInfo kSMTPClass{"CSMTP", "Korvane.SMTP", "SMTP Class", CLSID_SMTP, &kISMTP, &kISMTPEvents, true, &Make<CSMTP>};
 const ClassInfo kMessagesClass{"CMessages", "Korvane.Messages", "Messages Class", CLSID_Messages, &kIMessages, nullptr, false, &Make<CMessages>};
 const ClassInfo kIMAP4Class{"CIMAP4", "Korvane.IMAP4", "IMAP4 Class", CLSID_IMAP4, &kIIMAP4Pending, nullptr, true, nullptr};
 const ClassInfo kIMAP4ResponseClass{"CIMAP4Response", "Korvane.IMAP4Response", "IMAP4Response Class", CLSID_IMAP4Response, &kIIMAP4ResponsePending, nullptr, false, nullptr};

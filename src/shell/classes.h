@@ -56,6 +56,8 @@ extern const InterfaceInfo kISSL;
 extern const InterfaceInfo kICertInfo;
 extern const InterfaceInfo kIPOP3;
 extern const InterfaceInfo kIPOP3Events;
+extern const InterfaceInfo kISMTP;
+extern const InterfaceInfo kISMTPEvents;
 
 // The classes of the catalogue, in order (test classes are not among them).
 const std::vector<const ClassInfo*>& CatalogueClasses();

@@ -38,7 +38,9 @@ bool GenericMailer::SendBytes(const char* data, int32_t length) {
         return false;
     }
     SentTotal += length;
-    return OnDataSent(data, length);
+    if (OnDataSent(data, length)) return true;
+    Aborted = 1;
+    return false;
 }
 
 bool GenericMailer::ReceiveAndCheck() {
@@ -134,6 +136,7 @@ void GenericMailer::CancelByUser(int32_t code) {
         Phase = kPhaseDisconnecting;
         Socket.Disconnect();
         Connected = false;
+        OnClosed();
         Phase = kPhaseIdle;
     }
     SetError("[Error: Operation cancelled by user. Connection closed.]", code);
@@ -270,6 +273,7 @@ void GenericMailer::CloseAfterNetworkFailure() {
     Phase = kPhaseDisconnecting;
     Socket.Disconnect();
     Connected = false;
+    OnClosed();
     Phase = kPhaseIdle;
     if (QuietAbort && ErrCode == kErrAborted)
         WriteLog("[Operation aborted. Connection closed.]");

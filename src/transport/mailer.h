@@ -191,6 +191,9 @@ public:
     // The protocol's goodbye on a connected session (QUIT, LOGOUT) and the
     // socket closed; false when that failed, with ErrCode set.
     virtual bool Logout() = 0;
+    // Told when the connection ended under the session (a network failure,
+    // a cancel), for state that lives only as long as the connection.
+    virtual void OnClosed() {}
     // The work of a Disconnect call inside its frame: Logout when connected,
     // with its log lines; "[Error: Not connected]" otherwise, and ErrCode
     // not_connected_code unless it is negative. Phase ends at 0.
