@@ -63,7 +63,7 @@ TEST(Catalogue, HoldsTheClassesInOrderWithTheirTexts) {
 TEST(Catalogue, ClassesOfLaterSubsystemsAreNotAvailableYet) {
     RegisterCatalogue();
     IDispatch* object = nullptr;
-    EXPECT_EQ(Catalogue::Instance().CreateObject("Korvane.SMTP", &object), CLASS_E_CLASSNOTAVAILABLE);
+    EXPECT_EQ(Catalogue::Instance().CreateObject("Korvane.IMAP4", &object), CLASS_E_CLASSNOTAVAILABLE);
     EXPECT_EQ(object, nullptr);
     EXPECT_EQ(Catalogue::Instance().CreateObject("Korvane.FormFile", &object), CO_E_CLASSSTRING);
     ASSERT_EQ(Catalogue::Instance().CreateObject("Korvane.Message", &object), S_OK);
