@@ -314,14 +314,14 @@ HRESULT CSMTP::SendToQueueEx(BSTR dirPath, BSTR fromAddr, BSTR recips, VARIANT_B
         SetError("[Error: No recipients and/or sender found]", kSmtpNoEnvelope);
         return S_OK;
     }
-    wbstring path;
-    path.assign_bstr(dirPath);
-    if (path.nSize > 0 && path.pData[path.nSize - 1] != u'/') path.append(u"/");
-    std::string name = QueueFileName();
-    for (char c : name) {
-        const char16_t unit = char16_t(c);
-        path.append(&unit, 1);
-    }
+    wbstring dir;
+    dir.assign_bstr(dirPath);
+    std::string folder = platform::PathFromWide(dir);
+    if (!folder.empty() && folder.back() != '/') folder += '/';
+    // Written under a hidden name and renamed when whole, so that a pickup
+    // service never takes a half-written file.
+    const std::string name = QueueFileName();
+    const std::string path = folder + name, partial = folder + "." + name + ".part";
 
     Message->EnsureRawBody();
     const bstring& text = Message->m_bsRawBody;
@@ -329,7 +329,7 @@ HRESULT CSMTP::SendToQueueEx(BSTR dirPath, BSTR fromAddr, BSTR recips, VARIANT_B
     head.append(sender).append(">\r\n");
     for (const bstring& r : list) head.append("x-receiver: <").append(r).append(">\r\n");
     bool ok = false;
-    if (std::FILE* f = platform::OpenFile(path, "wb")) {
+    if (std::FILE* f = std::fopen(partial.c_str(), "wb")) {
         ok = std::fwrite(head.pData, 1, size_t(head.nSize), f) == size_t(head.nSize);
         if (ok && IsQueueIIS) {
             ok = ForEachStuffedPiece(text.pData, text.nSize, kPiece, [f](const char* p, int32_t n) {
@@ -339,6 +339,8 @@ HRESULT CSMTP::SendToQueueEx(BSTR dirPath, BSTR fromAddr, BSTR recips, VARIANT_B
             ok = std::fwrite(text.pData, 1, size_t(text.nSize), f) == size_t(text.nSize);
         }
         ok = std::fclose(f) == 0 && ok;
+        ok = ok && std::rename(partial.c_str(), path.c_str()) == 0;
+        if (!ok) std::remove(partial.c_str());
     }
     if (!ok) {
         SetError("[Error: Failed to save queued message file]", kSmtpQueueFailed);
