@@ -157,6 +157,18 @@ bool SMTPMailer::Logout() {
 
 void SMTPMailer::OnClosed() { SupportsStartTLS = SupportsDSN = false; }
 
+void AutosetSmtpTLS(int32_t port, int32_t method, const bstring& server, int32_t& enabled, int32_t& use_starttls) {
+    if ((port == 587 && method >= 1) || (port == 25 && HasGmailSuffix(server))) {
+        enabled = 1;
+        use_starttls = 1;
+    } else if (port == 465) {
+        enabled = 1;
+        use_starttls = 0;
+    } else if (port == 25 && enabled && !use_starttls) {
+        use_starttls = 1;
+    }
+}
+
 // ---- the object ------------------------------------------------------------------------------
 
 CSMTP::CSMTP() : ObjectBase(shell::kSMTPClass), Message(automation::ComPtr<CMessage>::Attach(CMessage::New())) {
@@ -224,17 +236,8 @@ bool CSMTP::SendEhlo() {
 bool CSMTP::ConnectSMTP() {
     const int32_t method = AuthMethod;
     if (!OpenConnection()) return false;
-    if (SSLObject && SSLObject->AutosetPortAndSSL) {
-        if ((PortNumber == 587 && method >= 1) || (PortNumber == 25 && HasGmailSuffix(ServerName))) {
-            SSLObject->Enabled = 1;
-            SSLObject->UseStartTLS = 1;
-        } else if (PortNumber == 465) {
-            SSLObject->Enabled = 1;
-            SSLObject->UseStartTLS = 0;
-        } else if (PortNumber == 25 && SSLObject->Enabled && !SSLObject->UseStartTLS) {
-            SSLObject->UseStartTLS = 1;
-        }
-    }
+    if (SSLObject && SSLObject->AutosetPortAndSSL)
+        AutosetSmtpTLS(PortNumber, method, ServerName, SSLObject->Enabled, SSLObject->UseStartTLS);
     if (ImplicitTLS() && !StartSSL()) return false;
     if (!ReceiveAndCheck()) return FailClosing(kSmtpCommandFailed);
     if (Domain.nSize < 1) {

@@ -94,6 +94,11 @@ enum SmtpEvent : int32_t {
 bool BuildEnvelope(const bstring& from, const bstring& recipients, bstring& sender,
                    std::vector<bstring>& list);
 
+// The TLS settings that AutosetPortAndSSL gives by the port: 587 with a
+// login and the Gmail domain on 25 use STARTTLS, 465 TLS from the first
+// byte, 25 turns TLS on into STARTTLS; other ports keep what was set.
+void AutosetSmtpTLS(int32_t port, int32_t method, const bstring& server, int32_t& enabled, int32_t& use_starttls);
+
 class CSMTP : public automation::ObjectBase, public SMTPMailer {
 public:
     static CSMTP* New();

@@ -86,6 +86,31 @@ TEST(SmtpReply, EndOfReplyInEveryPrefix) {
     EXPECT_GT(seen, 20);
 }
 
+TEST(SmtpConnect, PortRuleOfAutosetPortAndSSL) {
+    struct Case {
+        int32_t port, method;
+        const char* server;
+        int32_t enabled, starttls;     // before
+        int32_t enabled_after, starttls_after;
+    } cases[] = {
+        {587, 1, "mail.example.test", 0, 0, 1, 1},
+        {587, 0, "mail.example.test", 0, 0, 0, 0},  // no login: nothing changes
+        {465, 0, "mail.example.test", 0, 1, 1, 0},
+        {25, 0, "smtp.gmail.com", 0, 0, 1, 1},
+        {25, 0, "smtp.GMAIL.com", 0, 0, 1, 1},     // names compare without case
+        {25, 0, "notgmail.com", 0, 0, 0, 0},
+        {25, 0, "mail.example.test", 1, 0, 1, 1},
+        {2525, 1, "mail.example.test", 1, 0, 1, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::to_string(c.port) + " " + c.server);
+        int32_t enabled = c.enabled, starttls = c.starttls;
+        AutosetSmtpTLS(c.port, c.method, bstring(c.server), enabled, starttls);
+        EXPECT_EQ(enabled, c.enabled_after);
+        EXPECT_EQ(starttls, c.starttls_after);
+    }
+}
+
 // One SMTP object with its log in a temporary file.
 class Session {
 public:
