@@ -35,10 +35,12 @@ cp "$CERTS/server.pem" "$CERTS/server.key" "$D/ssl/"
 chmod 600 "$D/ssl/server.key"
 LOG=$D/log/postfix.log
 OUT=$D/log/postfix.out
-fail() {
+fail() {   # the complaints first: the cause is often far above the log's tail
     echo "$1" >&2
     tail -20 "$OUT" >&2 2>/dev/null || true
-    tail -20 "$LOG" >&2 2>/dev/null || true
+    grep -E 'warning:|fatal:|panic:' "$LOG" 2>/dev/null | head -20 >&2 || true
+    echo "--- last lines of $LOG:" >&2
+    tail -10 "$LOG" >&2 2>/dev/null || true
     exit 1
 }
 
@@ -155,9 +157,24 @@ postfix -c "$D/etc" check >>"$OUT" 2>&1 || fail "postfix check failed:"
 postfix -c "$D/etc" start >>"$OUT" 2>&1 || fail "postfix did not start:"
 for _ in $(seq 100); do [ -s "$D/spool/pid/master.pid" ] && break; sleep 0.1; done
 [ -s "$D/spool/pid/master.pid" ] || fail "postfix wrote no PID:"
-for port in $SMTP $SUBMISSION $SMTPS $PLAINAUTH $NTLM; do
-    for _ in $(seq 100); do (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null && break; sleep 0.1; done
-    (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null || fail "postfix does not answer on $port:"
+# Ready means a session to the end on each listener, TLS checked against the
+# test CA: smtpd starts on the first connection and only warns (and goes on
+# without TLS) when its certificate is unusable.
+session() {   # PORT plain|starttls|tls
+    case $2 in
+        plain) timeout 5 bash -c 'exec 3<>"/dev/tcp/127.0.0.1/$1" && read -r l <&3 &&
+                   [[ $l == 220* ]] && echo QUIT >&3 && read -r l <&3 && [[ $l == 221* ]]' _ "$1" ;;
+        tls) echo QUIT | timeout 5 openssl s_client -connect "127.0.0.1:$1" -CAfile "$CERTS/ca.pem" \
+                 -verify_return_error -quiet 2>/dev/null | grep -q '^221' ;;
+        starttls) echo QUIT | timeout 5 openssl s_client -connect "127.0.0.1:$1" -CAfile "$CERTS/ca.pem" \
+                 -verify_return_error -quiet -starttls smtp 2>/dev/null | grep -q '^221' ;;
+    esac
+}
+for listener in "$SMTP starttls" "$SUBMISSION starttls" "$SMTPS tls" "$PLAINAUTH plain" "$NTLM starttls"; do
+    ok=0
+    for _ in $(seq 50); do session $listener && { ok=1; break; }; sleep 0.1; done
+    [ $ok = 1 ] || fail "postfix does not answer on ${listener% *} (${listener#* }):"
 done
+! grep -E 'warning:|fatal:|panic:' "$LOG" >&2 || fail "postfix complains:"
 tr -dc 0-9 < "$D/spool/pid/master.pid"
 echo
