@@ -197,7 +197,9 @@ class MailPeers:
                 os.unlink(path) if os.path.isfile(path) else shutil.rmtree(path)
 
     def messages(self, user):
-        """The messages in user's mailbox, oldest delivery first."""
+        """The messages in user's mailbox, oldest delivery first, as Dovecot
+        stored them: a delivery has its Return-Path, Delivered-To and Received
+        lines on top, and LF line ends where the wire had CRLF."""
         top = self.maildir(user)
         paths = [os.path.join(top, sub, name) for sub in ("new", "cur")
                  for name in os.listdir(os.path.join(top, sub))]
