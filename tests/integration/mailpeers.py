@@ -207,7 +207,7 @@ class MailPeers:
         for path in paths:
             try:
                 with open(path, "rb") as f:
-                    found.append((os.stat(path).st_mtime_ns, os.path.basename(path), f.read()))
+                    found.append((os.fstat(f.fileno()).st_mtime_ns, os.path.basename(path), f.read()))
             except FileNotFoundError:     # moved from new/ to cur/ by a POP3 or IMAP session
                 continue
         return [data for _, _, data in sorted(found)]
