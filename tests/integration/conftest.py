@@ -12,7 +12,7 @@ from mailpeers import MailPeers, PeersUnavailable  # noqa: E402
 
 @pytest.fixture(scope="session")
 def peers():
-    """The KDC, Dovecot and Cyrus, started once for the session and stopped at
+    """The KDC, Dovecot, Cyrus and Postfix, started once for the session and stopped at
     its end, whatever happened; the tests that use them skip where they can't run.
     The Kerberos settings go into the environment for the library's GSSAPI."""
     try:

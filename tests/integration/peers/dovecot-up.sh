@@ -3,11 +3,13 @@
 # Starts Dovecot on 127.0.0.1 from a private configuration under DIR and
 # prints its master PID once every listener answers. CERTDIR holds server.pem
 # and server.key (tests/integration/tls/make-certs.sh). With KRB5DIR (made by
-# krb5-up.sh) GSSAPI logins are offered with the pop/localhost key from there.
+# krb5-up.sh) GSSAPI logins are offered with the service keys from there
+# (pop, imap and smtp /localhost).
 # Ports come from the environment (defaults in brackets):
 #   KV_POP3_PORT [10110] POP3 with STLS    KV_POP3S_PORT [10995] POP3S
 #   KV_IMAP_PORT [10143] IMAP with STARTTLS KV_IMAPS_PORT [10993] IMAPS
 #   KV_LMTP_PORT [10024] LMTP, for delivery into the mailboxes
+#   KV_AUTH_PORT [10026] the auth service, for Postfix's SASL (postfix-up.sh)
 # Accounts (passwords checked in plain text, so APOP works):
 #   alice@example.test/alicepw, bob@example.test/bobpw, and alice/alicepw, the
 #   mailbox a Kerberos ticket of alice logs in to. XOAUTH2 takes the bearer token
@@ -19,6 +21,7 @@ CERTS=$(realpath "${2:?certificate directory}")
 KRB=${3:+$(realpath "$3")}
 POP3=${KV_POP3_PORT:-10110} POP3S=${KV_POP3S_PORT:-10995}
 IMAP=${KV_IMAP_PORT:-10143} IMAPS=${KV_IMAPS_PORT:-10993} LMTP=${KV_LMTP_PORT:-10024}
+AUTH=${KV_AUTH_PORT:-10026}
 DOVECOT=$(command -v dovecot || echo /usr/sbin/dovecot)
 [ -x "$DOVECOT" ] || { echo "dovecot not found (tests/integration/install-peers.sh)" >&2; exit 2; }
 
@@ -133,6 +136,14 @@ service lmtp {
     port = $LMTP
   }
 }
+# Postfix asks here for the SMTP logins (smtpd_sasl_type = dovecot); the
+# mechanisms are the same as for POP3 and IMAP.
+service auth {
+  inet_listener sasl {
+    address = 127.0.0.1
+    port = $AUTH
+  }
+}
 # Failed logins would otherwise be held back for seconds each.
 service anvil {
   unix_listener anvil-auth-penalty {
@@ -149,7 +160,7 @@ rm -f "$D/run/master.pid"
     { echo "dovecot did not start:" >&2; tail -20 "$D/log/dovecot.log" >&2; exit 1; }
 for _ in $(seq 100); do [ -s "$D/run/master.pid" ] && break; sleep 0.1; done
 [ -s "$D/run/master.pid" ] || { echo "dovecot wrote no PID" >&2; tail -20 "$D/log/dovecot.log" >&2; exit 1; }
-for port in $POP3 $POP3S $IMAP $IMAPS $LMTP; do
+for port in $POP3 $POP3S $IMAP $IMAPS $LMTP $AUTH; do
     for _ in $(seq 100); do (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null && break; sleep 0.1; done
     (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null ||
         { echo "dovecot does not answer on $port" >&2; tail -20 "$D/log/dovecot.log" >&2; exit 1; }
