@@ -39,6 +39,10 @@
 namespace kv::automation {
 
 inline bool NonNegative(int32_t v) { return v >= 0; }
+template <int32_t Lo, int32_t Hi>
+bool InRange(int32_t v) {
+    return v >= Lo && v <= Hi;
+}
 
 namespace detail {
 
