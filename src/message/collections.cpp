@@ -1,12 +1,12 @@
 #include "message/collections.h"
 
 #include <cstdio>
-#include <cstring>
 
 #include "automation/enum_variant.h"
 #include "automation/error.h"
 #include "automation/fields.h"
 #include "foundation/trace.h"
+#include "message/files.h"
 #include "platform/files.h"
 #include "shell/classes.h"
 #include "shell/identifiers.h"
@@ -130,20 +130,7 @@ HRESULT CAttachment::SaveFile(BSTR dir_path, BSTR filename, VARIANT_BOOL* out) {
     return S_OK;
 }
 
-HRESULT CAttachment::get_ContentAsArray(VARIANT* out) {
-    uint32_t size = uint32_t(m_bsContent.nSize > 0 ? m_bsContent.nSize : 0);
-    SAFEARRAY* array = SafeArrayCreateVector(VT_UI1, 0, size);
-    if (!array) return E_OUTOFMEMORY;
-    if (size) {
-        void* data = nullptr;
-        SafeArrayAccessData(array, &data);
-        std::memcpy(data, m_bsContent.pData, size);
-        SafeArrayUnaccessData(array);
-    }
-    out->vt = VT_ARRAY | VT_UI1;
-    out->parray = array;
-    return S_OK;
-}
+HRESULT CAttachment::get_ContentAsArray(VARIANT* out) { return BytesToArrayVariant(m_bsContent, out); }
 
 
 // ---- CAttachments ---------------------------------------------------------------

@@ -1,10 +1,8 @@
 #include "upload/form_element.h"
 
-#include <cstring>
-
 #include "automation/fields.h"
-#include "automation/safearray.h"
 #include "foundation/trace.h"
+#include "message/files.h"
 #include "platform/dir_file.h"
 #include "shell/classes.h"
 #include "shell/identifiers.h"
@@ -111,20 +109,7 @@ HRESULT CFormFile::SaveToDisk(BSTR dir_path, BSTR filename, VARIANT_BOOL* out) {
     return S_OK;
 }
 
-HRESULT CFormFile::get_ValueAsArray(VARIANT* out) {
-    uint32_t size = uint32_t(m_bsValue.nSize > 0 ? m_bsValue.nSize : 0);
-    SAFEARRAY* array = SafeArrayCreateVector(VT_UI1, 0, size);
-    if (!array) return E_OUTOFMEMORY;
-    if (size) {
-        void* data = nullptr;
-        SafeArrayAccessData(array, &data);
-        std::memcpy(data, m_bsValue.pData, size);
-        SafeArrayUnaccessData(array);
-    }
-    out->vt = VT_ARRAY | VT_UI1;
-    out->parray = array;
-    return S_OK;
-}
+HRESULT CFormFile::get_ValueAsArray(VARIANT* out) { return BytesToArrayVariant(m_bsValue, out); }
 
 // ---- member tables -------------------------------------------------------------------
 
