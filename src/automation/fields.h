@@ -62,17 +62,20 @@ struct FieldWire<bool> {
     static Wire Out(const bool& f) { return f ? VARIANT_TRUE : VARIANT_FALSE; }
     static bool In(Wire w) { return w != 0; }
 };
-template <>
-struct FieldWire<bstring> {
+// bstring text through a code page both ways; 0 is the raw road.
+template <int Codepage>
+struct TextWire {
     using Wire = BSTR;
     static constexpr VARTYPE vt = VT_BSTR;
-    static Wire Out(const bstring& f) { return f.to_bstr(0); }
+    static Wire Out(const bstring& f) { return f.to_bstr(Codepage); }
     static bstring In(Wire w) {
         bstring s;
-        s.assign_bstr(w);
+        s.assign_bstr_cp(w, Codepage);
         return s;
     }
 };
+template <>
+struct FieldWire<bstring> : TextWire<0> {};
 template <>
 struct FieldWire<wbstring> {
     using Wire = BSTR;
@@ -106,16 +109,6 @@ struct DateWire {
     static constexpr VARTYPE vt = VT_DATE;
     static Wire Out(const double& f) { return f; }
     static double In(Wire w) { return w; }
-};
-struct Utf8Wire {
-    using Wire = BSTR;
-    static constexpr VARTYPE vt = VT_BSTR;
-    static Wire Out(const bstring& f) { return f.to_bstr(65001); }
-    static bstring In(Wire w) {
-        bstring s;
-        s.assign_bstr_utf8(w);
-        return s;
-    }
 };
 struct NullWhileEmptyTag {};
 template <class Inner>
@@ -215,7 +208,7 @@ inline constexpr detail::Crossing<detail::FlagWire, F> AsBool{};
 template <auto F>
 inline constexpr detail::Crossing<detail::DateWire, F> AsDate{};
 template <auto F>
-inline constexpr detail::Crossing<detail::Utf8Wire, F> AsUtf8{};
+inline constexpr detail::Crossing<detail::TextWire<65001>, F> AsUtf8{};
 // F a string field, or a string field wrapped as above.
 template <auto F>
 inline constexpr detail::Crossing<detail::NullWhileEmptyTag, F> NullWhileEmpty{};
