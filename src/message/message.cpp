@@ -303,6 +303,16 @@ void CMessage::AddAttachmentBytes(bstring& content, const wbstring& name,
     m_pAttachments->Add(attachment);
 }
 
+void CMessage::AddAttachmentBytes(bstring& content, BSTR name_text, BSTR content_type_text,
+                                  BSTR content_id_text) {
+    wbstring content_id, name;
+    content_id.assign_bstr(content_id_text);
+    name.assign_bstr(name_text);
+    bstring content_type;
+    content_type.assign_bstr(content_type_text);
+    AddAttachmentBytes(content, name, content_type, content_id);
+}
+
 HRESULT CMessage::AddAttachment(BSTR path_text, BSTR content_type_text, BSTR content_id_text,
                                 BSTR filename_text, VARIANT_BOOL* out) {
     *out = VARIANT_FALSE;
@@ -332,12 +342,7 @@ HRESULT CMessage::AddMemoryAttachment(const VARIANT& data, BSTR filename_text,
     *out = VARIANT_FALSE;
     bstring content;
     if (!BytesFromArrayVariant(data, content)) return S_OK;
-    wbstring content_id, filename;
-    content_id.assign_bstr(content_id_text);
-    filename.assign_bstr(filename_text);
-    bstring content_type;
-    content_type.assign_bstr(content_type_text);
-    AddAttachmentBytes(content, filename, content_type, content_id);
+    AddAttachmentBytes(content, filename_text, content_type_text, content_id_text);
     m_bNeedsRebuild = true;
     *out = VARIANT_TRUE;
     return S_OK;
@@ -351,12 +356,7 @@ HRESULT CMessage::AddStringAttachment(BSTR data, VARIANT_BOOL as_utf8, BSTR file
         content.assign_bstr_utf8(data);
     else
         content.assign_bstr(data);
-    wbstring content_id, filename;
-    content_id.assign_bstr(content_id_text);
-    filename.assign_bstr(filename_text);
-    bstring content_type;
-    content_type.assign_bstr(content_type_text);
-    AddAttachmentBytes(content, filename, content_type, content_id);
+    AddAttachmentBytes(content, filename_text, content_type_text, content_id_text);
     m_bNeedsRebuild = true;
     *out = VARIANT_TRUE;
     return S_OK;

@@ -89,12 +89,12 @@ public:
 
     // ---- after a write of a bound property (message_table.cpp) ----
     void MarkStale() { m_bNeedsRebuild = true; }
-    // Bcc never reaches the message text, only the envelope: no rebuild.
     void FromChanged() { HeaderFieldChanged(&m_wsPureFromAddr, "from"); }
     void ToChanged() { HeaderFieldChanged(&m_wsPureToAddr, "to"); }
     void CCChanged() { HeaderFieldChanged(&m_wsPureCCAddr, "cc"); }
     void ReplyToChanged() { HeaderFieldChanged(&m_wsPureReplyToAddr, "reply-to"); }
     void SubjectChanged() { HeaderFieldChanged(nullptr, "subject"); }
+    // Bcc never reaches the message text, only the envelope: no rebuild.
     void BCCChanged() { RemoveHeaderRecord("bcc"); }
     void CharsetChanged();
     void DateChanged() {
@@ -217,6 +217,7 @@ private:
     // Steps shared by the three ways of adding an attachment.
     void AddAttachmentBytes(bstring& content, const wbstring& name, const bstring& content_type,
                             const wbstring& content_id);
+    void AddAttachmentBytes(bstring& content, BSTR name, BSTR content_type, BSTR content_id);
 };
 
 }  // namespace kv
