@@ -4,7 +4,8 @@
 //   FieldGet<CThing, &CThing::Count>(12, "Count"),                 // read only
 //   Field<CThing, &CThing::Name>(13, "Name"),                      // read, write
 //   Field<CThing, &CThing::Port, NonNegative>(14, "Port"),          // a refused value is ignored
-//   Field<CThing, &CThing::Path, nullptr, &CThing::PathChanged>(15, "Path"),  // told after a write
+//   Field<CThing, &CThing::Level, InRange<0, 3>>(15, "Level"),
+//   Field<CThing, &CThing::Path, nullptr, &CThing::PathChanged>(16, "Path"),  // told after a write
 //
 // The field may be a data member of C or of a base of C, or a member function
 // of C returning a reference to the value (for a value held deeper inside).
@@ -14,12 +15,12 @@
 // our objects as a new reference (read only). Where the type does not say
 // it, the row wraps the field:
 //
-//   Field<CThing, AsBool<&CThing::Flag>>(16, "Flag"),          // int32_t 0/1 as BOOL
-//   FieldGet<CThing, AsDate<&CThing::Expiry>>(17, "Expiry"),    // double as DATE
-//   Field<CThing, AsUtf8<&CThing::Issuer>>(18, "Issuer"),         // bstring as UTF-8, empty as empty
-//   FieldGet<CThing, NullWhileEmpty<AsUtf8<&CThing::Issuer>>>(19, "Issuer"),   // empty as null
-//   FieldGet<CThing, InCodepage<&CThing::Name, &CThing::Codepage>>(20, "Name"),
-//       // bstring through the code page held in another field (read only)
+//   Field<CThing, AsBool<&CThing::Flag>>(17, "Flag"),                 // int32_t 0/1 as BOOL
+//   FieldGet<CThing, AsDate<&CThing::Expiry>>(18, "Expiry"),           // double as DATE
+//   Field<CThing, AsUtf8<&CThing::Issuer>>(19, "Issuer"),              // bstring as UTF-8
+//   FieldGet<CThing, NullWhileEmpty<AsUtf8<&CThing::Issuer>>>(20, "Issuer"),  // empty as null
+//   FieldGet<CThing, InCodepage<&CThing::Name, &CThing::Codepage>>(21, "Name"),
+//       // a bstring through the code page another field holds (read only)
 //
 // A check is a function bool(T) that accepts a written value; a refused value
 // leaves the field as it was and the write still succeeds, as the objects'
@@ -46,6 +47,8 @@ bool InRange(int32_t v) {
 
 namespace detail {
 
+// A wire says how a value crosses: Wire, the C++ type Invoke hands over; vt;
+// Out(field), or Out(object, field), for a read; In(wire) for a write.
 template <class T>
 struct FieldWire;
 template <>
