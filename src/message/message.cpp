@@ -120,7 +120,7 @@ void CMessage::CopyHeader(const char* name, CMessage& target) const {
     record->m_bStandard = source->m_bStandard;
 }
 
-// ---- properties with more than a field behind them -------------------------------------
+// ---- change hooks, and properties with more than a field behind them --------------------
 
 void CMessage::HeaderFieldChanged(wbstring* pure_cache, const char* header) {
     RemoveHeaderRecord(header);

@@ -12,6 +12,7 @@ namespace kv {
 using automation::Arg;
 using automation::AsBool;
 using automation::AsDate;
+using automation::AsUtf8;
 using automation::Bind;
 using automation::Field;
 using automation::FieldGet;
@@ -21,7 +22,6 @@ using automation::NullWhileEmpty;
 using automation::ObjectBase;
 using automation::Opt;
 using automation::Property;
-using automation::AsUtf8;
 
 namespace {
 
