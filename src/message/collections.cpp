@@ -1,11 +1,12 @@
 #include "message/collections.h"
 
 #include <cstdio>
-#include <cstring>
 
 #include "automation/enum_variant.h"
 #include "automation/error.h"
+#include "automation/fields.h"
 #include "foundation/trace.h"
+#include "message/files.h"
 #include "platform/files.h"
 #include "shell/classes.h"
 #include "shell/identifiers.h"
@@ -13,6 +14,7 @@
 namespace kv {
 
 using automation::Bind;
+using automation::FieldGet;
 using automation::Method;
 using automation::Opt;
 using automation::Arg;
@@ -23,11 +25,6 @@ namespace {
 
 HRESULT ReturnWide(const wbstring& s, BSTR* out) {
     *out = s.to_bstr();
-    return S_OK;
-}
-
-HRESULT ReturnBytes(const bstring& s, BSTR* out) {
-    *out = s.to_bstr(0);
     return S_OK;
 }
 
@@ -90,8 +87,6 @@ wbstring CAttachment::DefaultFilename() const {
 }
 
 HRESULT CAttachment::get_Filename(BSTR* out) { return ReturnWide(DefaultFilename(), out); }
-HRESULT CAttachment::get_ContentType(BSTR* out) { return ReturnBytes(m_bsContentType, out); }
-HRESULT CAttachment::get_ContentID(BSTR* out) { return ReturnWide(m_wsContentID, out); }
 
 HRESULT CAttachment::get_IsInline(VARIANT_BOOL* out) {
     TraceBegin();
@@ -103,8 +98,6 @@ HRESULT CAttachment::get_IsInline(VARIANT_BOOL* out) {
     *out = Bool(m_bInline);
     return S_OK;
 }
-
-HRESULT CAttachment::get_Content(BSTR* out) { return ReturnBytes(m_bsContent, out); }
 
 HRESULT CAttachment::get_PureContentID(BSTR* out) {
     if (m_wsContentID.nSize < 2) return ReturnWide(m_wsContentID, out);
@@ -137,31 +130,8 @@ HRESULT CAttachment::SaveFile(BSTR dir_path, BSTR filename, VARIANT_BOOL* out) {
     return S_OK;
 }
 
-HRESULT CAttachment::get_IsMessage(VARIANT_BOOL* out) {
-    *out = Bool(m_bMessage);
-    return S_OK;
-}
+HRESULT CAttachment::get_ContentAsArray(VARIANT* out) { return BytesToArrayVariant(m_bsContent, out); }
 
-HRESULT CAttachment::get_ContentAsArray(VARIANT* out) {
-    uint32_t size = uint32_t(m_bsContent.nSize > 0 ? m_bsContent.nSize : 0);
-    SAFEARRAY* array = SafeArrayCreateVector(VT_UI1, 0, size);
-    if (!array) return E_OUTOFMEMORY;
-    if (size) {
-        void* data = nullptr;
-        SafeArrayAccessData(array, &data);
-        std::memcpy(data, m_bsContent.pData, size);
-        SafeArrayUnaccessData(array);
-    }
-    out->vt = VT_ARRAY | VT_UI1;
-    out->parray = array;
-    return S_OK;
-}
-
-HRESULT CAttachment::get_ContentLocation(BSTR* out) { return ReturnWide(m_wsContentLocation, out); }
-HRESULT CAttachment::get_FilenameAsIs(BSTR* out) { return ReturnWide(m_wsFilename, out); }
-HRESULT CAttachment::get_ContentDisposition(BSTR* out) {
-    return ReturnWide(m_wsContentDisposition, out);
-}
 
 // ---- CAttachments ---------------------------------------------------------------
 
@@ -204,8 +174,6 @@ HRESULT CAttachments::RemoveAll() {
 
 CMIMEHeader::CMIMEHeader() : ObjectBase(shell::kMIMEHeaderClass) {}
 CMIMEHeader* CMIMEHeader::New() { return new CMIMEHeader(); }
-HRESULT CMIMEHeader::get_Key(BSTR* out) { return ReturnBytes(m_bsKey, out); }
-HRESULT CMIMEHeader::get_Value(BSTR* out) { return ReturnWide(m_wsValue, out); }
 
 CMIMEHeaders::CMIMEHeaders() : ObjectBase(shell::kMIMEHeadersClass) {}
 CMIMEHeaders* CMIMEHeaders::New() { return new CMIMEHeaders(); }
@@ -336,19 +304,19 @@ namespace shell {
 
 const InterfaceInfo kIAttachment("IAttachment", IID_IAttachment, {
     Property(1, "Filename", VT_BSTR, Bind<&CAttachment::get_Filename>()),
-    Property(2, "ContentType", VT_BSTR, Bind<&CAttachment::get_ContentType>()),
-    Property(3, "ContentID", VT_BSTR, Bind<&CAttachment::get_ContentID>()),
+    FieldGet<CAttachment, &CAttachment::m_bsContentType>(2, "ContentType"),
+    FieldGet<CAttachment, &CAttachment::m_wsContentID>(3, "ContentID"),
     Property(4, "IsInline", VT_BOOL, Bind<&CAttachment::get_IsInline>()),
-    Property(5, "Content", VT_BSTR, Bind<&CAttachment::get_Content>()),
+    FieldGet<CAttachment, &CAttachment::m_bsContent>(5, "Content"),
     Property(6, "PureContentID", VT_BSTR, Bind<&CAttachment::get_PureContentID>()),
     Property(8, "Size", VT_I4, Bind<&CAttachment::get_Size>()),
     Method(9, "SaveFile", VT_BOOL, Bind<&CAttachment::SaveFile>(),
            {Arg("DirPath", VT_BSTR), Opt("Filename", VT_BSTR, "")}),
-    Property(10, "IsMessage", VT_BOOL, Bind<&CAttachment::get_IsMessage>()),
+    FieldGet<CAttachment, &CAttachment::m_bMessage>(10, "IsMessage"),
     Property(11, "ContentAsArray", VT_VARIANT, Bind<&CAttachment::get_ContentAsArray>()),
-    Property(12, "ContentLocation", VT_BSTR, Bind<&CAttachment::get_ContentLocation>()),
-    Property(13, "FilenameAsIs", VT_BSTR, Bind<&CAttachment::get_FilenameAsIs>()),
-    Property(14, "ContentDisposition", VT_BSTR, Bind<&CAttachment::get_ContentDisposition>()),
+    FieldGet<CAttachment, &CAttachment::m_wsContentLocation>(12, "ContentLocation"),
+    FieldGet<CAttachment, &CAttachment::m_wsFilename>(13, "FilenameAsIs"),
+    FieldGet<CAttachment, &CAttachment::m_wsContentDisposition>(14, "ContentDisposition"),
 });
 
 const InterfaceInfo kIAttachments("IAttachments", IID_IAttachments, {
@@ -360,8 +328,8 @@ const InterfaceInfo kIAttachments("IAttachments", IID_IAttachments, {
 });
 
 const InterfaceInfo kIMIMEHeader("IMIMEHeader", IID_IMIMEHeader, {
-    Property(1, "Key", VT_BSTR, Bind<&CMIMEHeader::get_Key>()),
-    Property(2, "Value", VT_BSTR, Bind<&CMIMEHeader::get_Value>()),
+    FieldGet<CMIMEHeader, &CMIMEHeader::m_bsKey>(1, "Key"),
+    FieldGet<CMIMEHeader, &CMIMEHeader::m_wsValue>(2, "Value"),
 });
 
 // Declares nothing for a type library, but answers the collection members.

@@ -1,6 +1,6 @@
 // The small reference-counted objects that hang off a message: attachments,
 // header records, body parts, and their collections. Plain records with
-// automation accessors; the message reaches their fields directly.
+// automation members; the message reaches their fields directly.
 #pragma once
 
 #include <map>
@@ -34,18 +34,11 @@ public:
     wbstring DefaultFilename() const;
 
     HRESULT get_Filename(BSTR* out);
-    HRESULT get_ContentType(BSTR* out);
-    HRESULT get_ContentID(BSTR* out);
     HRESULT get_IsInline(VARIANT_BOOL* out);
-    HRESULT get_Content(BSTR* out);
     HRESULT get_PureContentID(BSTR* out);
     HRESULT get_Size(int32_t* out);
     HRESULT SaveFile(BSTR dir_path, BSTR filename, VARIANT_BOOL* out);
-    HRESULT get_IsMessage(VARIANT_BOOL* out);
     HRESULT get_ContentAsArray(VARIANT* out);
-    HRESULT get_ContentLocation(BSTR* out);
-    HRESULT get_FilenameAsIs(BSTR* out);
-    HRESULT get_ContentDisposition(BSTR* out);
 
 private:
     CAttachment();
@@ -91,9 +84,6 @@ public:
     bool m_bStandard = false;
     std::map<bstring, bstring> m_mapParams;
     std::map<bstring, wbstring> m_mapWideParams;
-
-    HRESULT get_Key(BSTR* out);
-    HRESULT get_Value(BSTR* out);
 
 private:
     CMIMEHeader();

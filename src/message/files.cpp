@@ -80,4 +80,14 @@ bool BytesFromArrayVariant(const VARIANT& data, bstring& destination) {
     return true;
 }
 
+HRESULT BytesToArrayVariant(const bstring& bytes, VARIANT* out) {
+    uint32_t size = uint32_t(bytes.nSize > 0 ? bytes.nSize : 0);
+    SAFEARRAY* array = SafeArrayCreateVector(VT_UI1, 0, size);
+    if (!array) return E_OUTOFMEMORY;
+    if (size) std::memcpy(array->pvData, bytes.pData, size);
+    out->vt = VT_ARRAY | VT_UI1;
+    out->parray = array;
+    return S_OK;
+}
+
 }  // namespace kv

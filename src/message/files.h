@@ -15,6 +15,10 @@ bool AppendFileToBString(const wbstring& path, bstring& destination);
 // bounds cannot be read; destination is then unchanged.
 bool BytesFromArrayVariant(const VARIANT& data, bstring& destination);
 
+// A new one-dimensional byte array from 0 holding bytes, into out (whose old
+// value is not cleared). E_OUTOFMEMORY, out untouched, when it cannot be made.
+HRESULT BytesToArrayVariant(const bstring& bytes, VARIANT* out);
+
 // The text in codepage (negative: 0) into the file at path, replacing it
 // with overwrite, else appended. False for an empty path, a file that cannot
 // be opened, or a short write.

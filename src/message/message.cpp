@@ -120,80 +120,24 @@ void CMessage::CopyHeader(const char* name, CMessage& target) const {
     record->m_bStandard = source->m_bStandard;
 }
 
-// ---- plain properties -------------------------------------------------------------------
+// ---- change hooks, and properties with more than a field behind them --------------------
 
-HRESULT CMessage::get_BodyText(BSTR* out) { return ReturnWide(m_wsBodyText, out); }
-HRESULT CMessage::put_BodyText(BSTR value) {
-    m_wsBodyText.assign_bstr(value);
-    m_bNeedsRebuild = true;
-    return S_OK;
-}
-
-void CMessage::PutAddress(wbstring& field, wbstring* pure_cache, const char* header, BSTR value) {
-    field.assign_bstr(value);
+void CMessage::HeaderFieldChanged(wbstring* pure_cache, const char* header) {
     RemoveHeaderRecord(header);
     if (pure_cache) pure_cache->nSize = 0;
     m_bNeedsRebuild = true;
 }
 
-HRESULT CMessage::get_FromAddr(BSTR* out) { return ReturnWide(m_wsFromAddr, out); }
-HRESULT CMessage::put_FromAddr(BSTR value) {
-    PutAddress(m_wsFromAddr, &m_wsPureFromAddr, "from", value);
-    return S_OK;
-}
-HRESULT CMessage::get_ToAddr(BSTR* out) { return ReturnWide(m_wsToAddr, out); }
-HRESULT CMessage::put_ToAddr(BSTR value) {
-    PutAddress(m_wsToAddr, &m_wsPureToAddr, "to", value);
-    return S_OK;
-}
-HRESULT CMessage::get_CCAddr(BSTR* out) { return ReturnWide(m_wsCCAddr, out); }
-HRESULT CMessage::put_CCAddr(BSTR value) {
-    PutAddress(m_wsCCAddr, &m_wsPureCCAddr, "cc", value);
-    return S_OK;
-}
-HRESULT CMessage::get_ReplyToAddr(BSTR* out) { return ReturnWide(m_wsReplyToAddr, out); }
-HRESULT CMessage::put_ReplyToAddr(BSTR value) {
-    PutAddress(m_wsReplyToAddr, &m_wsPureReplyToAddr, "reply-to", value);
-    return S_OK;
-}
-HRESULT CMessage::get_BCCAddr(BSTR* out) { return ReturnWide(m_wsBCCAddr, out); }
-// Bcc never reaches the message text, only the envelope: no rebuild.
-HRESULT CMessage::put_BCCAddr(BSTR value) {
-    m_wsBCCAddr.assign_bstr(value);
-    RemoveHeaderRecord("bcc");
-    return S_OK;
-}
-
-HRESULT CMessage::get_Subject(BSTR* out) { return ReturnWide(m_wsSubject, out); }
-HRESULT CMessage::put_Subject(BSTR value) {
-    m_wsSubject.assign_bstr(value);
-    RemoveHeaderRecord("subject");
+// A From line already encoded in the old charset is emptied so the next
+// rebuild encodes it anew; nothing else is touched.
+void CMessage::CharsetChanged() {
+    if (CMIMEHeader* from = FindHeader("from")) {
+        bool ascii = true;
+        for (int32_t i = 0; i < from->m_bsWireValue.nSize && ascii; ++i)
+            ascii = static_cast<unsigned char>(from->m_bsWireValue.pData[i]) < 0x80;
+        if (!ascii) from->m_bsWireValue.nSize = 0;
+    }
     m_bNeedsRebuild = true;
-    return S_OK;
-}
-
-HRESULT CMessage::get_Attachments(IDispatch** out) {
-    m_pAttachments->AddRef();
-    *out = m_pAttachments;
-    return S_OK;
-}
-
-HRESULT CMessage::get_AltBodyText(BSTR* out) { return ReturnWide(m_wsAltBodyText, out); }
-HRESULT CMessage::put_AltBodyText(BSTR value) {
-    m_wsAltBodyText.assign_bstr(value);
-    m_bNeedsRebuild = true;
-    return S_OK;
-}
-
-HRESULT CMessage::get_BodyFormat(int32_t* out) {
-    *out = m_nBodyFormat;
-    return S_OK;
-}
-HRESULT CMessage::put_BodyFormat(int32_t value) {
-    if (value < 0 || value > 3) return S_OK;
-    m_nBodyFormat = value;
-    m_bNeedsRebuild = true;
-    return S_OK;
 }
 
 HRESULT CMessage::get_GetObject(int64_t* out) {
@@ -207,94 +151,9 @@ HRESULT CMessage::get_Locked(VARIANT_BOOL* out) {
 }
 HRESULT CMessage::put_Locked(VARIANT_BOOL) { return S_OK; }
 
-HRESULT CMessage::get_BodyEncoding(int32_t* out) {
-    *out = m_nBodyEncoding;
-    return S_OK;
-}
-HRESULT CMessage::put_BodyEncoding(int32_t value) {
-    if (value < 0 || value > 3) return S_OK;
-    m_nBodyEncoding = value;
-    m_bNeedsRebuild = true;
-    return S_OK;
-}
-HRESULT CMessage::get_AltBodyEncoding(int32_t* out) {
-    *out = m_nAltBodyEncoding;
-    return S_OK;
-}
-HRESULT CMessage::put_AltBodyEncoding(int32_t value) {
-    if (value < 0 || value > 3) return S_OK;
-    m_nAltBodyEncoding = value;
-    m_bNeedsRebuild = true;
-    return S_OK;
-}
-
-HRESULT CMessage::get_Enable8bitEncoding(VARIANT_BOOL* out) {
-    *out = Bool(m_bEnable8bitEncoding);
-    return S_OK;
-}
-HRESULT CMessage::put_Enable8bitEncoding(VARIANT_BOOL value) {
-    m_bEnable8bitEncoding = value != 0;
-    m_bNeedsRebuild = true;
-    return S_OK;
-}
-
-HRESULT CMessage::get_Charset(BSTR* out) { return ReturnBytes(m_bsCharset, out); }
-// A From line already encoded in the old charset is emptied so the next
-// rebuild encodes it anew; nothing else is touched.
-HRESULT CMessage::put_Charset(BSTR value) {
-    m_bsCharset.assign_bstr(value);
-    if (CMIMEHeader* from = FindHeader("from")) {
-        bool ascii = true;
-        for (int32_t i = 0; i < from->m_bsWireValue.nSize && ascii; ++i)
-            ascii = static_cast<unsigned char>(from->m_bsWireValue.pData[i]) < 0x80;
-        if (!ascii) from->m_bsWireValue.nSize = 0;
-    }
-    m_bNeedsRebuild = true;
-    return S_OK;
-}
-
-HRESULT CMessage::get_MessageDate(BSTR* out) { return ReturnBytes(m_bsDate, out); }
-HRESULT CMessage::put_MessageDate(BSTR value) {
-    m_bsDate.assign_bstr(value);
-    m_bNeedsRebuild = true;
-    return S_OK;
-}
-HRESULT CMessage::get_Date(BSTR* out) { return ReturnBytes(m_bsDate, out); }
-HRESULT CMessage::put_Date(BSTR value) {
-    m_bsDate.assign_bstr(value);
-    m_bDateSet = true;
-    m_bNeedsRebuild = true;
-    return S_OK;
-}
-HRESULT CMessage::get_MessageId(BSTR* out) { return ReturnBytes(m_bsMessageId, out); }
-HRESULT CMessage::put_MessageId(BSTR value) {
-    m_bsMessageId.assign_bstr(value);
-    m_bMessageIdSet = true;
-    m_bNeedsRebuild = true;
-    return S_OK;
-}
-HRESULT CMessage::get_ReturnPath(BSTR* out) { return ReturnBytes(m_bsReturnPath, out); }
-HRESULT CMessage::put_ReturnPath(BSTR value) {
-    m_bsReturnPath.assign_bstr(value);
-    m_bNeedsRebuild = true;
-    return S_OK;
-}
-HRESULT CMessage::get_Received(BSTR* out) { return ReturnBytes(m_bsReceived, out); }
-HRESULT CMessage::get_XMailer(BSTR* out) { return ReturnBytes(m_bsXMailer, out); }
-HRESULT CMessage::put_XMailer(BSTR value) {
-    m_bsXMailer.assign_bstr(value);
-    m_bNeedsRebuild = true;
-    return S_OK;
-}
-
 HRESULT CMessage::get_Size(int32_t* out) {
     EnsureRawBody();
     *out = m_bHeadersOnly ? m_nServerSize : m_bsRawBody.nSize;
-    return S_OK;
-}
-
-HRESULT CMessage::get_HasAttachments(VARIANT_BOOL* out) {
-    *out = Bool(m_bHasAttachments);
     return S_OK;
 }
 
@@ -311,11 +170,6 @@ HRESULT CMessage::get_ContentTransferEncoding(BSTR* out) {
     return hr;
 }
 
-HRESULT CMessage::get_CodepageMode(int32_t* out) {
-    *out = 0;
-    return S_OK;
-}
-HRESULT CMessage::put_CodepageMode(int32_t) { return S_OK; }
 HRESULT CMessage::get_Codepage(int32_t* out) {
     *out = 0;
     return S_OK;
@@ -324,52 +178,6 @@ HRESULT CMessage::put_Codepage(int32_t) { return S_OK; }
 
 HRESULT CMessage::GetMessageDirectoryPath(BSTR* out) {
     return ReturnWide(m_wsMessageDirectoryPath, out);
-}
-
-HRESULT CMessage::get_AltBodyOptions(int32_t* out) {
-    *out = m_nAltBodyOptions;
-    return S_OK;
-}
-HRESULT CMessage::put_AltBodyOptions(int32_t value) {
-    m_nAltBodyOptions = value;
-    return S_OK;
-}
-HRESULT CMessage::get_AltBodyHRefSuffix(BSTR* out) { return ReturnWide(m_wsAltBodyHRefSuffix, out); }
-HRESULT CMessage::put_AltBodyHRefSuffix(BSTR value) {
-    m_wsAltBodyHRefSuffix.assign_bstr(value);
-    return S_OK;
-}
-
-HRESULT CMessage::get_MinimalRebuild(VARIANT_BOOL* out) {
-    *out = Bool(m_bMinimalRebuild);
-    return S_OK;
-}
-HRESULT CMessage::put_MinimalRebuild(VARIANT_BOOL value) {
-    m_bMinimalRebuild = value != 0;
-    return S_OK;
-}
-
-HRESULT CMessage::get_SpecialBodyText(BSTR* out) { return ReturnWide(m_wsSpecialBodyText, out); }
-HRESULT CMessage::put_SpecialBodyText(BSTR value) {
-    m_wsSpecialBodyText.assign_bstr(value);
-    m_bNeedsRebuild = true;
-    return S_OK;
-}
-HRESULT CMessage::get_SpecialBodyContentType(BSTR* out) {
-    return ReturnBytes(m_bsSpecialBodyContentType, out);
-}
-HRESULT CMessage::put_SpecialBodyContentType(BSTR value) {
-    m_bsSpecialBodyContentType.assign_bstr(value);
-    m_bNeedsRebuild = true;
-    return S_OK;
-}
-HRESULT CMessage::get_SpecialBodyHeaders(BSTR* out) {
-    return ReturnBytes(m_bsSpecialBodyHeaders, out);
-}
-HRESULT CMessage::put_SpecialBodyHeaders(BSTR value) {
-    m_bsSpecialBodyHeaders.assign_bstr(value);
-    m_bNeedsRebuild = true;
-    return S_OK;
 }
 
 // Taken up by the next rebuild that something else causes.
@@ -382,28 +190,6 @@ HRESULT CMessage::SetMultipartContentType(BSTR content_type, BSTR extra_params) 
 HRESULT CMessage::get_IsRtlBody(VARIANT_BOOL* out) {
     int32_t cp = m_nCodepageOriginal;
     *out = Bool(cp == 862 || cp == 864 || cp == 1255 || cp == 1256);
-    return S_OK;
-}
-HRESULT CMessage::get_CodepageOriginal(int32_t* out) {
-    *out = m_nCodepageOriginal;
-    return S_OK;
-}
-HRESULT CMessage::get_CharsetOriginal(BSTR* out) { return ReturnBytes(m_bsCharsetOriginal, out); }
-
-HRESULT CMessage::get_AutoEncodeHeaders(VARIANT_BOOL* out) {
-    *out = Bool(m_bAutoEncodeHeaders);
-    return S_OK;
-}
-HRESULT CMessage::put_AutoEncodeHeaders(VARIANT_BOOL value) {
-    m_bAutoEncodeHeaders = value != 0;
-    m_bNeedsRebuild = true;
-    return S_OK;
-}
-
-HRESULT CMessage::get_AddressDelimiter(BSTR* out) { return ReturnWide(m_wsAddressDelimiter, out); }
-HRESULT CMessage::put_AddressDelimiter(BSTR value) {
-    m_wsAddressDelimiter.assign_bstr(value);
-    m_wsAddressDelimiter.null_terminate();
     return S_OK;
 }
 
@@ -517,6 +303,16 @@ void CMessage::AddAttachmentBytes(bstring& content, const wbstring& name,
     m_pAttachments->Add(attachment);
 }
 
+void CMessage::AddAttachmentBytes(bstring& content, BSTR name_text, BSTR content_type_text,
+                                  BSTR content_id_text) {
+    wbstring content_id, name;
+    content_id.assign_bstr(content_id_text);
+    name.assign_bstr(name_text);
+    bstring content_type;
+    content_type.assign_bstr(content_type_text);
+    AddAttachmentBytes(content, name, content_type, content_id);
+}
+
 HRESULT CMessage::AddAttachment(BSTR path_text, BSTR content_type_text, BSTR content_id_text,
                                 BSTR filename_text, VARIANT_BOOL* out) {
     *out = VARIANT_FALSE;
@@ -546,12 +342,7 @@ HRESULT CMessage::AddMemoryAttachment(const VARIANT& data, BSTR filename_text,
     *out = VARIANT_FALSE;
     bstring content;
     if (!BytesFromArrayVariant(data, content)) return S_OK;
-    wbstring content_id, filename;
-    content_id.assign_bstr(content_id_text);
-    filename.assign_bstr(filename_text);
-    bstring content_type;
-    content_type.assign_bstr(content_type_text);
-    AddAttachmentBytes(content, filename, content_type, content_id);
+    AddAttachmentBytes(content, filename_text, content_type_text, content_id_text);
     m_bNeedsRebuild = true;
     *out = VARIANT_TRUE;
     return S_OK;
@@ -565,12 +356,7 @@ HRESULT CMessage::AddStringAttachment(BSTR data, VARIANT_BOOL as_utf8, BSTR file
         content.assign_bstr_utf8(data);
     else
         content.assign_bstr(data);
-    wbstring content_id, filename;
-    content_id.assign_bstr(content_id_text);
-    filename.assign_bstr(filename_text);
-    bstring content_type;
-    content_type.assign_bstr(content_type_text);
-    AddAttachmentBytes(content, filename, content_type, content_id);
+    AddAttachmentBytes(content, filename_text, content_type_text, content_id_text);
     m_bNeedsRebuild = true;
     *out = VARIANT_TRUE;
     return S_OK;

@@ -87,91 +87,53 @@ public:
     void CopyHeader(const char* name, CMessage& target) const;
     static bool IsStandardHeader(const bstring& name);
 
+    // ---- after a write of a bound property (message_table.cpp) ----
+    void MarkStale() { m_bNeedsRebuild = true; }
+    void FromChanged() { HeaderFieldChanged(&m_wsPureFromAddr, "from"); }
+    void ToChanged() { HeaderFieldChanged(&m_wsPureToAddr, "to"); }
+    void CCChanged() { HeaderFieldChanged(&m_wsPureCCAddr, "cc"); }
+    void ReplyToChanged() { HeaderFieldChanged(&m_wsPureReplyToAddr, "reply-to"); }
+    void SubjectChanged() { HeaderFieldChanged(nullptr, "subject"); }
+    // Bcc never reaches the message text, only the envelope: no rebuild.
+    void BCCChanged() { RemoveHeaderRecord("bcc"); }
+    void CharsetChanged();
+    void DateChanged() {
+        m_bDateSet = true;
+        MarkStale();
+    }
+    void MessageIdChanged() {
+        m_bMessageIdSet = true;
+        MarkStale();
+    }
+    void DelimiterChanged() { m_wsAddressDelimiter.null_terminate(); }
+
     // ---- IMessage ----
-    HRESULT get_BodyText(BSTR* out);
-    HRESULT put_BodyText(BSTR value);
-    HRESULT get_FromAddr(BSTR* out);
-    HRESULT put_FromAddr(BSTR value);
-    HRESULT get_ToAddr(BSTR* out);
-    HRESULT put_ToAddr(BSTR value);
-    HRESULT get_Subject(BSTR* out);
-    HRESULT put_Subject(BSTR value);
-    HRESULT get_Attachments(IDispatch** out);
     HRESULT AddAttachment(BSTR path, BSTR content_type, BSTR content_id, BSTR filename,
                           VARIANT_BOOL* out);
     HRESULT get_RawBody(BSTR* out);
     HRESULT put_RawBody(BSTR value);
     HRESULT AddHeader(BSTR name, BSTR value, VARIANT_BOOL* out);
     HRESULT GetHeader(BSTR name, BSTR* out);
-    HRESULT get_AltBodyText(BSTR* out);
-    HRESULT put_AltBodyText(BSTR value);
-    HRESULT get_BodyFormat(int32_t* out);
-    HRESULT put_BodyFormat(int32_t value);
     HRESULT get_GetObject(int64_t* out);
-    HRESULT get_CCAddr(BSTR* out);
-    HRESULT put_CCAddr(BSTR value);
-    HRESULT get_BCCAddr(BSTR* out);
-    HRESULT put_BCCAddr(BSTR value);
     HRESULT get_Locked(VARIANT_BOOL* out);
     HRESULT put_Locked(VARIANT_BOOL value);
-    HRESULT get_BodyEncoding(int32_t* out);
-    HRESULT put_BodyEncoding(int32_t value);
-    HRESULT get_AltBodyEncoding(int32_t* out);
-    HRESULT put_AltBodyEncoding(int32_t value);
-    HRESULT get_Enable8bitEncoding(VARIANT_BOOL* out);
-    HRESULT put_Enable8bitEncoding(VARIANT_BOOL value);
-    HRESULT get_Charset(BSTR* out);
-    HRESULT put_Charset(BSTR value);
-    HRESULT get_MessageDate(BSTR* out);
-    HRESULT put_MessageDate(BSTR value);
-    HRESULT get_MessageId(BSTR* out);
-    HRESULT put_MessageId(BSTR value);
-    HRESULT get_ReturnPath(BSTR* out);
-    HRESULT put_ReturnPath(BSTR value);
-    HRESULT get_Received(BSTR* out);
-    HRESULT get_ReplyToAddr(BSTR* out);
-    HRESULT put_ReplyToAddr(BSTR value);
     HRESULT get_Size(int32_t* out);
-    HRESULT get_HasAttachments(VARIANT_BOOL* out);
     HRESULT get_ContentType(BSTR* out);
     HRESULT get_ContentTransferEncoding(BSTR* out);
-    HRESULT get_CodepageMode(int32_t* out);
-    HRESULT put_CodepageMode(int32_t value);
     HRESULT GetMessageDirectoryPath(BSTR* out);
-    HRESULT get_Date(BSTR* out);
-    HRESULT put_Date(BSTR value);
-    HRESULT get_XMailer(BSTR* out);
-    HRESULT put_XMailer(BSTR value);
+    // Codepage and CodepageMode: 0, and a write is ignored.
     HRESULT get_Codepage(int32_t* out);
     HRESULT put_Codepage(int32_t value);
-    HRESULT get_AltBodyOptions(int32_t* out);
-    HRESULT put_AltBodyOptions(int32_t value);
-    HRESULT get_AltBodyHRefSuffix(BSTR* out);
-    HRESULT put_AltBodyHRefSuffix(BSTR value);
     HRESULT get_RawHeader(BSTR* out);
     HRESULT GetLocalTimeZoneOffset(VARIANT_BOOL ignore_daylight_bias, int32_t* out);
-    HRESULT get_MinimalRebuild(VARIANT_BOOL* out);
-    HRESULT put_MinimalRebuild(VARIANT_BOOL value);
     HRESULT RemoveHeader(BSTR name, VARIANT_BOOL* out);
     HRESULT AddMemoryAttachment(const VARIANT& data, BSTR filename, BSTR content_type,
                                 BSTR content_id, VARIANT_BOOL* out);
     HRESULT AddStringAttachment(BSTR data, VARIANT_BOOL as_utf8, BSTR filename,
                                 BSTR content_type, BSTR content_id, VARIANT_BOOL* out);
-    HRESULT get_SpecialBodyText(BSTR* out);
-    HRESULT put_SpecialBodyText(BSTR value);
-    HRESULT get_SpecialBodyContentType(BSTR* out);
-    HRESULT put_SpecialBodyContentType(BSTR value);
-    HRESULT get_SpecialBodyHeaders(BSTR* out);
-    HRESULT put_SpecialBodyHeaders(BSTR value);
     HRESULT SetMultipartContentType(BSTR content_type, BSTR extra_params);
     HRESULT Clone(IDispatch** out);
     HRESULT get_IsRtlBody(VARIANT_BOOL* out);
-    HRESULT get_CodepageOriginal(int32_t* out);
-    HRESULT get_CharsetOriginal(BSTR* out);
-    HRESULT get_AutoEncodeHeaders(VARIANT_BOOL* out);
-    HRESULT put_AutoEncodeHeaders(VARIANT_BOOL value);
-    HRESULT get_AddressDelimiter(BSTR* out);
-    HRESULT put_AddressDelimiter(BSTR value);
     // HTML and plain text (message_html.cpp).
     HRESULT MakeAltBody(VARIANT_BOOL* out);
     HRESULT GetPlainFromHtml(BSTR html, BSTR* out);
@@ -233,9 +195,9 @@ protected:
 
 private:
     CMessage();
-    // put of FromAddr and its like: store, drop the header record and the
-    // cached pure address, mark for rebuild.
-    void PutAddress(wbstring& field, wbstring* pure_cache, const char* header, BSTR value);
+    // An address or the subject written: its header record goes (the field
+    // rules now), and so does the cached pure address; the raw text is stale.
+    void HeaderFieldChanged(wbstring* pure_cache, const char* header);
     // Composition steps.
     int32_t ComposeHeaders();
     void ComposeHeadersMinimal();
@@ -255,6 +217,7 @@ private:
     // Steps shared by the three ways of adding an attachment.
     void AddAttachmentBytes(bstring& content, const wbstring& name, const bstring& content_type,
                             const wbstring& content_id);
+    void AddAttachmentBytes(bstring& content, BSTR name, BSTR content_type, BSTR content_id);
 };
 
 }  // namespace kv

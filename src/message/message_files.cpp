@@ -4,9 +4,7 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
 
-#include "automation/safearray.h"
 #include "codecs/charset.h"
 #include "foundation/trace.h"
 #include "message/embedded.h"
@@ -175,18 +173,7 @@ HRESULT CMessage::GetFileAsArray(BSTR path_text, VARIANT* out) {
     path.assign_bstr(path_text);
     bstring bytes;
     if (!AppendFileToBString(path, bytes)) return S_OK;
-    SAFEARRAY* array = SafeArrayCreateVector(VT_UI1, 0, uint32_t(bytes.nSize > 0 ? bytes.nSize : 0));
-    if (!array) return E_OUTOFMEMORY;
-    if (bytes.nSize > 0) {
-        void* data = nullptr;
-        if (SUCCEEDED(SafeArrayAccessData(array, &data))) {
-            std::memcpy(data, bytes.pData, size_t(bytes.nSize));
-            SafeArrayUnaccessData(array);
-        }
-    }
-    out->vt = VT_ARRAY | VT_UI1;
-    out->parray = array;
-    return S_OK;
+    return BytesToArrayVariant(bytes, out);
 }
 
 HRESULT CMessage::WriteStringToFile(BSTR filename, BSTR data, VARIANT_BOOL overwrite, int32_t codepage,

@@ -2,6 +2,7 @@
 
 #include <openssl/x509.h>
 
+#include "automation/fields.h"
 #include "foundation/trace.h"
 #include "shell/classes.h"
 #include "shell/identifiers.h"
@@ -9,22 +10,20 @@
 namespace kv {
 
 using automation::Arg;
+using automation::AsBool;
+using automation::AsDate;
+using automation::AsUtf8;
 using automation::Bind;
+using automation::Field;
+using automation::FieldGet;
 using automation::IID_IKvObject;
 using automation::Method;
+using automation::NullWhileEmpty;
 using automation::ObjectBase;
 using automation::Opt;
 using automation::Property;
 
 namespace {
-
-VARIANT_BOOL Bool(bool b) { return b ? VARIANT_TRUE : VARIANT_FALSE; }
-
-// Names are UTF-8 inside; empty reads as null.
-HRESULT ReturnName(const bstring& s, BSTR* out) {
-    *out = s.nSize ? s.to_bstr(65001) : nullptr;
-    return S_OK;
-}
 
 bstring Utf8(BSTR s) {
     bstring out;
@@ -47,15 +46,6 @@ void CCertInfo::Clear() {
     Email.nSize = 0;
     ExpirationDate = 0;
 }
-
-HRESULT CCertInfo::get_IssuedBy(BSTR* out) { return ReturnName(IssuedBy, out); }
-HRESULT CCertInfo::get_IssuedTo(BSTR* out) { return ReturnName(IssuedTo, out); }
-HRESULT CCertInfo::get_FriendlyName(BSTR* out) { return ReturnName(FriendlyName, out); }
-HRESULT CCertInfo::get_Email(BSTR* out) { return ReturnName(Email, out); }
-HRESULT CCertInfo::get_ExpirationDate(double* out) { return *out = ExpirationDate, S_OK; }
-HRESULT CCertInfo::get_Exists(VARIANT_BOOL* out) { return *out = Bool(Exists), S_OK; }
-HRESULT CCertInfo::get_Status(int32_t* out) { return *out = Status, S_OK; }
-HRESULT CCertInfo::get_Win32Status(int32_t* out) { return *out = Win32Status, S_OK; }
 
 // ---- CSSL -------------------------------------------------------------------------
 
@@ -168,26 +158,6 @@ HRESULT CSSL::get_Algorithm(int32_t* out) { return *out = Crypt.Algorithm, S_OK;
 HRESULT CSSL::put_Algorithm(int32_t) { return Crypt.Algorithm = 0, S_OK; }
 HRESULT CSSL::get_Protocol(int32_t* out) { return *out = Crypt.Protocol, S_OK; }
 HRESULT CSSL::put_Protocol(int32_t value) { return Crypt.Protocol = ProtocolMask(value), S_OK; }
-HRESULT CSSL::get_UseStartTLS(VARIANT_BOOL* out) { return *out = Bool(UseStartTLS), S_OK; }
-HRESULT CSSL::put_UseStartTLS(VARIANT_BOOL value) { return UseStartTLS = value ? 1 : 0, S_OK; }
-HRESULT CSSL::get_ServerCert(IDispatch** out) {
-    ServerCert->AddRef();
-    *out = ServerCert;
-    return S_OK;
-}
-HRESULT CSSL::get_ClientCert(IDispatch** out) {
-    ClientCert->AddRef();
-    *out = ClientCert;
-    return S_OK;
-}
-HRESULT CSSL::get_VerifyServerCert(VARIANT_BOOL* out) { return *out = Bool(Crypt.VerifyServerCert), S_OK; }
-HRESULT CSSL::put_VerifyServerCert(VARIANT_BOOL value) { return Crypt.VerifyServerCert = value ? 1 : 0, S_OK; }
-HRESULT CSSL::get_SSLError(int32_t* out) { return *out = Crypt.SSLError, S_OK; }
-HRESULT CSSL::get_SSLSpecificError(int32_t* out) { return *out = Crypt.SSLSpecificError, S_OK; }
-HRESULT CSSL::get_Enabled(VARIANT_BOOL* out) { return *out = Bool(Enabled), S_OK; }
-HRESULT CSSL::put_Enabled(VARIANT_BOOL value) { return Enabled = value ? 1 : 0, S_OK; }
-HRESULT CSSL::get_AutosetPortAndSSL(VARIANT_BOOL* out) { return *out = Bool(AutosetPortAndSSL), S_OK; }
-HRESULT CSSL::put_AutosetPortAndSSL(VARIANT_BOOL value) { return AutosetPortAndSSL = value ? 1 : 0, S_OK; }
 
 // ---- member tables ------------------------------------------------------------------
 
@@ -202,27 +172,25 @@ const InterfaceInfo kISSL("ISSL", IID_ISSL, {
            {Arg("Path", VT_BSTR), Arg("StoreType", VT_I4), Opt("Options", VT_I4, 0)}),
     Property(6, "Algorithm", VT_I4, Bind<&CSSL::get_Algorithm>(), Bind<&CSSL::put_Algorithm>()),
     Property(7, "Protocol", VT_I4, Bind<&CSSL::get_Protocol>(), Bind<&CSSL::put_Protocol>()),
-    Property(8, "UseStartTLS", VT_BOOL, Bind<&CSSL::get_UseStartTLS>(), Bind<&CSSL::put_UseStartTLS>()),
-    Property(9, "ServerCert", VT_DISPATCH, Bind<&CSSL::get_ServerCert>()),
-    Property(10, "ClientCert", VT_DISPATCH, Bind<&CSSL::get_ClientCert>()),
-    Property(11, "VerifyServerCert", VT_BOOL, Bind<&CSSL::get_VerifyServerCert>(),
-             Bind<&CSSL::put_VerifyServerCert>()),
-    Property(12, "SSLError", VT_I4, Bind<&CSSL::get_SSLError>()),
-    Property(13, "SSLSpecificError", VT_I4, Bind<&CSSL::get_SSLSpecificError>()),
-    Property(14, "Enabled", VT_BOOL, Bind<&CSSL::get_Enabled>(), Bind<&CSSL::put_Enabled>()),
-    Property(15, "AutosetPortAndSSL", VT_BOOL, Bind<&CSSL::get_AutosetPortAndSSL>(),
-             Bind<&CSSL::put_AutosetPortAndSSL>()),
+    Field<CSSL, AsBool<&CSSL::UseStartTLS>>(8, "UseStartTLS"),
+    FieldGet<CSSL, &CSSL::ServerCert>(9, "ServerCert"),
+    FieldGet<CSSL, &CSSL::ClientCert>(10, "ClientCert"),
+    Field<CSSL, AsBool<&CSSL::VerifyServerCert>>(11, "VerifyServerCert"),
+    FieldGet<CSSL, &CSSL::SSLError>(12, "SSLError"),
+    FieldGet<CSSL, &CSSL::SSLSpecificError>(13, "SSLSpecificError"),
+    Field<CSSL, AsBool<&CSSL::Enabled>>(14, "Enabled"),
+    Field<CSSL, AsBool<&CSSL::AutosetPortAndSSL>>(15, "AutosetPortAndSSL"),
 });
 
 const InterfaceInfo kICertInfo("ICertInfo", IID_ICertInfo, {
-    Property(1, "IssuedBy", VT_BSTR, Bind<&CCertInfo::get_IssuedBy>()),
-    Property(2, "IssuedTo", VT_BSTR, Bind<&CCertInfo::get_IssuedTo>()),
-    Property(3, "FriendlyName", VT_BSTR, Bind<&CCertInfo::get_FriendlyName>()),
-    Property(4, "ExpirationDate", VT_DATE, Bind<&CCertInfo::get_ExpirationDate>()),
-    Property(5, "Exists", VT_BOOL, Bind<&CCertInfo::get_Exists>()),
-    Property(6, "Email", VT_BSTR, Bind<&CCertInfo::get_Email>()),
-    Property(7, "Status", VT_I4, Bind<&CCertInfo::get_Status>()),
-    Property(8, "Win32Status", VT_I4, Bind<&CCertInfo::get_Win32Status>()),
+    FieldGet<CCertInfo, NullWhileEmpty<AsUtf8<&CCertInfo::IssuedBy>>>(1, "IssuedBy"),
+    FieldGet<CCertInfo, NullWhileEmpty<AsUtf8<&CCertInfo::IssuedTo>>>(2, "IssuedTo"),
+    FieldGet<CCertInfo, NullWhileEmpty<AsUtf8<&CCertInfo::FriendlyName>>>(3, "FriendlyName"),
+    FieldGet<CCertInfo, AsDate<&CCertInfo::ExpirationDate>>(4, "ExpirationDate"),
+    FieldGet<CCertInfo, AsBool<&CCertInfo::Exists>>(5, "Exists"),
+    FieldGet<CCertInfo, NullWhileEmpty<AsUtf8<&CCertInfo::Email>>>(6, "Email"),
+    FieldGet<CCertInfo, &CCertInfo::Status>(7, "Status"),
+    FieldGet<CCertInfo, &CCertInfo::Win32Status>(8, "Win32Status"),
 });
 
 }  // namespace shell

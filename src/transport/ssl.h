@@ -33,16 +33,6 @@ public:
     // Exists 0, the strings empty, the date 0.
     void Clear();
 
-    // A string reads as null while it is empty.
-    HRESULT get_IssuedBy(BSTR* out);
-    HRESULT get_IssuedTo(BSTR* out);
-    HRESULT get_FriendlyName(BSTR* out);
-    HRESULT get_ExpirationDate(double* out);
-    HRESULT get_Exists(VARIANT_BOOL* out);
-    HRESULT get_Email(BSTR* out);
-    HRESULT get_Status(int32_t* out);
-    HRESULT get_Win32Status(int32_t* out);
-
 private:
     CCertInfo();
 };
@@ -69,6 +59,11 @@ public:
     // any other gives SSLError the status and SSLSpecificError 0.
     void SetStatus(int32_t status);
 
+    // The channel's fields that are properties of the object.
+    int32_t& VerifyServerCert() { return Crypt.VerifyServerCert; }
+    int32_t& SSLError() { return Crypt.SSLError; }
+    int32_t& SSLSpecificError() { return Crypt.SSLSpecificError; }
+
     // ---- ISSL ----
     HRESULT get_GetObject(int64_t* out);
     HRESULT SelectClientCert(BSTR path, int32_t storeType, BSTR issuedTo, BSTR issuedBy, BSTR friendlyName,
@@ -78,18 +73,6 @@ public:
     HRESULT put_Algorithm(int32_t value);
     HRESULT get_Protocol(int32_t* out);
     HRESULT put_Protocol(int32_t value);
-    HRESULT get_UseStartTLS(VARIANT_BOOL* out);
-    HRESULT put_UseStartTLS(VARIANT_BOOL value);
-    HRESULT get_ServerCert(IDispatch** out);
-    HRESULT get_ClientCert(IDispatch** out);
-    HRESULT get_VerifyServerCert(VARIANT_BOOL* out);
-    HRESULT put_VerifyServerCert(VARIANT_BOOL value);
-    HRESULT get_SSLError(int32_t* out);
-    HRESULT get_SSLSpecificError(int32_t* out);
-    HRESULT get_Enabled(VARIANT_BOOL* out);
-    HRESULT put_Enabled(VARIANT_BOOL value);
-    HRESULT get_AutosetPortAndSSL(VARIANT_BOOL* out);
-    HRESULT put_AutosetPortAndSSL(VARIANT_BOOL value);
 
     // The mask a written Protocol number selects: 1..7 the masks of PCT 1.0,
     // SSL 2.0, SSL 3.0, TLS 1.0, 1.1, 1.2, 1.3; anything else 0.

@@ -1,9 +1,8 @@
 #include "upload/form_element.h"
 
-#include <cstring>
-
-#include "automation/safearray.h"
+#include "automation/fields.h"
 #include "foundation/trace.h"
+#include "message/files.h"
 #include "platform/dir_file.h"
 #include "shell/classes.h"
 #include "shell/identifiers.h"
@@ -13,6 +12,8 @@ namespace kv {
 
 using automation::Arg;
 using automation::Bind;
+using automation::FieldGet;
+using automation::InCodepage;
 using automation::Method;
 using automation::Opt;
 using automation::Property;
@@ -20,11 +21,6 @@ using upload::FormScan;
 using upload::Span;
 
 namespace {
-
-HRESULT ReturnText(const bstring& bytes, int32_t codepage, BSTR* out) {
-    *out = bytes.to_bstr(codepage);
-    return S_OK;
-}
 
 // The value of a part: from behind the first blank line at or after start
 // to the part's end.
@@ -67,9 +63,6 @@ void CFormElement::AppendValue(const bstring& value) {
     m_bsValue.append(value);
 }
 
-HRESULT CFormElement::get_Name(BSTR* out) { return ReturnText(m_bsName, m_nCodepage, out); }
-HRESULT CFormElement::get_Value(BSTR* out) { return ReturnText(m_bsValue, m_nCodepage, out); }
-
 // ---- CFormFile ---------------------------------------------------------------------
 
 CFormFile::CFormFile(int32_t codepage) : ObjectBase(shell::kFormFileClass), m_nCodepage(codepage) {}
@@ -105,15 +98,6 @@ bool CFormFile::ParseBuffer(FormScan& scan, int32_t start, int32_t length) {
     return true;
 }
 
-HRESULT CFormFile::get_Name(BSTR* out) { return ReturnText(m_bsName, m_nCodepage, out); }
-HRESULT CFormFile::get_Value(BSTR* out) { return ReturnText(m_bsValue, m_nCodepage, out); }
-HRESULT CFormFile::get_Filename(BSTR* out) { return ReturnText(m_bsFilename, m_nCodepage, out); }
-HRESULT CFormFile::get_Size(int32_t* out) {
-    *out = m_nSize;
-    return S_OK;
-}
-HRESULT CFormFile::get_ContentType(BSTR* out) { return ReturnText(m_bsContentType, m_nCodepage, out); }
-
 HRESULT CFormFile::SaveToDisk(BSTR dir_path, BSTR filename, VARIANT_BOOL* out) {
     wbstring dir, name;
     dir.assign_bstr(dir_path);
@@ -125,36 +109,23 @@ HRESULT CFormFile::SaveToDisk(BSTR dir_path, BSTR filename, VARIANT_BOOL* out) {
     return S_OK;
 }
 
-HRESULT CFormFile::get_ValueAsArray(VARIANT* out) {
-    uint32_t size = uint32_t(m_bsValue.nSize > 0 ? m_bsValue.nSize : 0);
-    SAFEARRAY* array = SafeArrayCreateVector(VT_UI1, 0, size);
-    if (!array) return E_OUTOFMEMORY;
-    if (size) {
-        void* data = nullptr;
-        SafeArrayAccessData(array, &data);
-        std::memcpy(data, m_bsValue.pData, size);
-        SafeArrayUnaccessData(array);
-    }
-    out->vt = VT_ARRAY | VT_UI1;
-    out->parray = array;
-    return S_OK;
-}
+HRESULT CFormFile::get_ValueAsArray(VARIANT* out) { return BytesToArrayVariant(m_bsValue, out); }
 
 // ---- member tables -------------------------------------------------------------------
 
 namespace shell {
 
 const InterfaceInfo kIFormElement("IFormElement", IID_IFormElement, {
-    Property(1, "Name", VT_BSTR, Bind<&CFormElement::get_Name>()),
-    Property(0, "Value", VT_BSTR, Bind<&CFormElement::get_Value>()),
+    FieldGet<CFormElement, InCodepage<&CFormElement::m_bsName, &CFormElement::m_nCodepage>>(1, "Name"),
+    FieldGet<CFormElement, InCodepage<&CFormElement::m_bsValue, &CFormElement::m_nCodepage>>(0, "Value"),
 });
 
 const InterfaceInfo kIFormFile("IFormFile", IID_IFormFile, {
-    Property(1, "Name", VT_BSTR, Bind<&CFormFile::get_Name>()),
-    Property(2, "Value", VT_BSTR, Bind<&CFormFile::get_Value>()),
-    Property(3, "Filename", VT_BSTR, Bind<&CFormFile::get_Filename>()),
-    Property(4, "Size", VT_I4, Bind<&CFormFile::get_Size>()),
-    Property(5, "ContentType", VT_BSTR, Bind<&CFormFile::get_ContentType>()),
+    FieldGet<CFormFile, InCodepage<&CFormFile::m_bsName, &CFormFile::m_nCodepage>>(1, "Name"),
+    FieldGet<CFormFile, InCodepage<&CFormFile::m_bsValue, &CFormFile::m_nCodepage>>(2, "Value"),
+    FieldGet<CFormFile, InCodepage<&CFormFile::m_bsFilename, &CFormFile::m_nCodepage>>(3, "Filename"),
+    FieldGet<CFormFile, &CFormFile::m_nSize>(4, "Size"),
+    FieldGet<CFormFile, InCodepage<&CFormFile::m_bsContentType, &CFormFile::m_nCodepage>>(5, "ContentType"),
     Method(6, "SaveToDisk", VT_BOOL, Bind<&CFormFile::SaveToDisk>(),
            {Arg("DirPath", VT_BSTR), Opt("Filename", VT_BSTR, "")}),
     Property(7, "ValueAsArray", VT_VARIANT, Bind<&CFormFile::get_ValueAsArray>()),

@@ -41,9 +41,6 @@ public:
     // Joins another part's value to this one: "first,second".
     void AppendValue(const bstring& value);
 
-    HRESULT get_Name(BSTR* out);
-    HRESULT get_Value(BSTR* out);
-
 private:
     explicit CFormElement(int32_t codepage);
     std::shared_ptr<const std::string> m_pBody;
@@ -66,11 +63,6 @@ public:
     // wherever it stands. False when the name or the blank line is missing.
     bool ParseBuffer(upload::FormScan& scan, int32_t start, int32_t length);
 
-    HRESULT get_Name(BSTR* out);
-    HRESULT get_Value(BSTR* out);
-    HRESULT get_Filename(BSTR* out);
-    HRESULT get_Size(int32_t* out);
-    HRESULT get_ContentType(BSTR* out);
     // Writes the content to dir_path/filename (the stored file name when
     // filename is empty), replacing a file of that name. The name must be
     // one plain path component: anything that could lead out of dir_path

@@ -1,5 +1,6 @@
 #include "upload/uploader.h"
 
+#include "automation/fields.h"
 #include "automation/safearray.h"
 #include "foundation/trace.h"
 #include "shell/classes.h"
@@ -10,8 +11,9 @@ namespace kv {
 
 using automation::Arg;
 using automation::Bind;
+using automation::Field;
+using automation::FieldGet;
 using automation::Method;
-using automation::Property;
 using upload::FormScan;
 
 namespace {
@@ -150,37 +152,18 @@ void CUploader::InitializeArray(FormScan& scan) {
     }
 }
 
-HRESULT CUploader::get_FormElements(IDispatch** out) {
-    m_pFormElements->AddRef();
-    *out = m_pFormElements;
-    return S_OK;
-}
-
-HRESULT CUploader::get_FormFiles(IDispatch** out) {
-    m_pFormFiles->AddRef();
-    *out = m_pFormFiles;
-    return S_OK;
-}
-
-HRESULT CUploader::get_Codepage(int32_t* out) {
-    *out = m_nCodepage;
-    return S_OK;
-}
-
-HRESULT CUploader::put_Codepage(int32_t codepage) {
-    m_nCodepage = codepage;
-    m_pFormElements->SetCodepage(codepage);
-    m_pFormFiles->SetCodepage(codepage);
-    return S_OK;
+void CUploader::CodepageChanged() {
+    m_pFormElements->SetCodepage(m_nCodepage);
+    m_pFormFiles->SetCodepage(m_nCodepage);
 }
 
 namespace shell {
 
 const InterfaceInfo kIUploader("IUploader", IID_IUploader, {
     Method(1, "ParseRequest", VT_BOOL, Bind<&CUploader::ParseRequest>(), {Arg("pvt", VT_VARIANT)}),
-    Property(2, "FormElements", VT_DISPATCH, Bind<&CUploader::get_FormElements>()),
-    Property(3, "FormFiles", VT_DISPATCH, Bind<&CUploader::get_FormFiles>()),
-    Property(4, "Codepage", VT_I4, Bind<&CUploader::get_Codepage>(), Bind<&CUploader::put_Codepage>()),
+    FieldGet<CUploader, &CUploader::m_pFormElements>(2, "FormElements"),
+    FieldGet<CUploader, &CUploader::m_pFormFiles>(3, "FormFiles"),
+    Field<CUploader, &CUploader::m_nCodepage, nullptr, &CUploader::CodepageChanged>(4, "Codepage"),
 });
 
 }  // namespace shell

@@ -45,12 +45,10 @@ public:
     // Walks the parts behind the boundary and fills the collections.
     void InitializeArray(upload::FormScan& scan);
 
-    HRESULT get_FormElements(IDispatch** out);
-    HRESULT get_FormFiles(IDispatch** out);
-    HRESULT get_Codepage(int32_t* out);
-    // Also sets it on both collections and every object in them, so that
-    // what was parsed already reads in the new code page.
-    HRESULT put_Codepage(int32_t codepage);
+    // After a write of Codepage: sets it on both collections and every
+    // object in them, so that what was parsed already reads in the new code
+    // page.
+    void CodepageChanged();
 
 private:
     CUploader();

@@ -390,7 +390,7 @@ TEST_P(TlsVerify, StatusOfTheServerCheck) {
     client.ssl->SelectServerCertStore(path, c.file_store ? 1 : 0, c.options, &ok);
     SysFreeString(path);
     ASSERT_EQ(ok, VARIANT_TRUE);
-    client.ssl->put_VerifyServerCert(VARIANT_TRUE);
+    client.ssl->Crypt.VerifyServerCert = 1;
     EXPECT_EQ(client.Start(server.port()), c.status);
     EXPECT_EQ(client.ssl->Crypt.SSLError, c.status);
     // The context stays up whatever the check said.

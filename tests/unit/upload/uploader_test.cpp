@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "../support/dispatch.h"
 #include "../support/text.h"
 #include "automation/bstr.h"
 #include "automation/safearray.h"
@@ -21,12 +22,12 @@
 namespace kv {
 namespace {
 
+using kv::testing::GetProperty;
+using kv::testing::GetText;
 using kv::testing::Str;
 
 using automation::Bstr;
 namespace fs = std::filesystem;
-
-std::string Take(BSTR s) { return Bstr::Attach(s).Utf8(); }
 
 // What the collections hold, in their order.
 struct Parsed {
@@ -268,9 +269,7 @@ protected:
         IDispatch* item = nullptr;
         HRESULT hr = up_->m_pFormElements->get_Item(index, &item);
         if (SUCCEEDED(hr)) {
-            BSTR v = nullptr;
-            static_cast<CFormElement*>(item)->get_Value(&v);
-            *value = Take(v);
+            *value = GetText(item, "Value");
             item->Release();
         }
         return hr;
@@ -320,9 +319,7 @@ TEST_F(UploaderObjectTest, SecondParse_ReplacesTheFirst) {
     ASSERT_EQ(up_->m_pFormElements->get_Item(one, &kept), S_OK);
     ASSERT_TRUE(ParseBytes(Field("c", "3") + kEnd));
     EXPECT_EQ(Count(false), 1);
-    BSTR v = nullptr;
-    static_cast<CFormElement*>(kept)->get_Value(&v);
-    EXPECT_EQ(Take(v), "1") << "an object the script holds outlives the parse";
+    EXPECT_EQ(GetText(kept, "Value"), "1") << "an object the script holds outlives the parse";
     kept->Release();
 }
 
@@ -370,25 +367,17 @@ TEST_F(UploaderObjectTest, Codepage_ReachesObjectsParsedEarlier) {
     IDispatch* field = nullptr;
     VARIANT one = automation::MakeI4(1);
     ASSERT_EQ(up_->m_pFormElements->get_Item(one, &field), S_OK);
-    BSTR v = nullptr;
-    static_cast<CFormElement*>(field)->get_Value(&v);
-    EXPECT_EQ(Take(v), "\xc3\x83\xc2\xa9t\xc3\x83\xc2\xa9") << "read as 1252 first";
+    EXPECT_EQ(GetText(field, "Value"), "\xc3\x83\xc2\xa9t\xc3\x83\xc2\xa9") << "read as 1252 first";
 
-    ASSERT_EQ(up_->put_Codepage(65001), S_OK);
-    int32_t cp = 0;
-    up_->get_Codepage(&cp);
-    EXPECT_EQ(cp, 65001);
-    static_cast<CFormElement*>(field)->get_Value(&v);
-    EXPECT_EQ(Take(v), utf8);
-    static_cast<CFormElement*>(field)->get_Name(&v);
-    EXPECT_EQ(Take(v), utf8);
+    ASSERT_EQ(kv::testing::PutProperty(up_, "Codepage", automation::MakeI4(65001)), S_OK);
+    EXPECT_EQ(GetProperty(up_, "Codepage").lVal, 65001);
+    EXPECT_EQ(GetText(field, "Value"), utf8);
+    EXPECT_EQ(GetText(field, "Name"), utf8);
     field->Release();
 
     CFormFile* file = up_->m_pFormFiles->m_map.begin()->second;
-    file->get_Filename(&v);
-    EXPECT_EQ(Take(v), utf8 + ".txt");
-    file->get_Value(&v);
-    EXPECT_EQ(Take(v), utf8);
+    EXPECT_EQ(GetText(file, "Filename"), utf8 + ".txt");
+    EXPECT_EQ(GetText(file, "Value"), utf8);
 
     // Names asked by Item go through the same code page.
     std::string value;
@@ -402,9 +391,7 @@ TEST_F(UploaderObjectTest, FormFile_ValueAsArray_AndSize) {
     std::string content("\x00\xff\r\n\x80z", 6);
     ASSERT_TRUE(ParseBytes(File("f", "b.bin", "application/octet-stream", content) + kEnd));
     CFormFile* file = up_->m_pFormFiles->m_map.begin()->second;
-    int32_t size = 0;
-    file->get_Size(&size);
-    EXPECT_EQ(size, 6);
+    EXPECT_EQ(GetProperty(file, "Size").lVal, 6);
     VARIANT array;
     VariantInit(&array);
     ASSERT_EQ(file->get_ValueAsArray(&array), S_OK);
