@@ -11,6 +11,7 @@
 #include "automation/bstr.h"
 #include "automation/safearray.h"
 #include "automation/variant.h"
+#include "host.h"
 #include "message/message.h"
 #include "shell/classes.h"
 
@@ -44,7 +45,6 @@ const std::string& Attachment() {
 
 void BM_Compose_Korvane(benchmark::State& state) {
     kv::shell::RegisterCatalogue();
-    kv::automation::Bstr body = kv::automation::Bstr::FromUtf8(BodyText());
     SAFEARRAY* array = SafeArrayCreateVector(VT_UI1, 0, uint32_t(Attachment().size()));
     void* bytes = nullptr;
     SafeArrayAccessData(array, &bytes);
@@ -54,19 +54,16 @@ void BM_Compose_Korvane(benchmark::State& state) {
     VariantInit(&data);
     data.vt = VT_ARRAY | VT_UI1;
     data.parray = array;
-    kv::automation::Bstr from = kv::automation::Bstr::FromUtf8("Sender <sender@example.org>");
-    kv::automation::Bstr to = kv::automation::Bstr::FromUtf8("Receiver <receiver@example.org>");
-    kv::automation::Bstr subject = kv::automation::Bstr::FromUtf8("Monthly report");
     kv::automation::Bstr name = kv::automation::Bstr::FromUtf8("report.bin");
     kv::automation::Bstr empty = kv::automation::Bstr::FromUtf8("");
     int64_t total = 0;
     for (auto _ : state) {
         for (int i = 0; i < kMessages; ++i) {
             kv::CMessage* msg = kv::CMessage::New();
-            msg->put_FromAddr(from.get());
-            msg->put_ToAddr(to.get());
-            msg->put_Subject(subject.get());
-            msg->put_BodyText(body.get());
+            bench::PutText(msg, "FromAddr", "Sender <sender@example.org>");
+            bench::PutText(msg, "ToAddr", "Receiver <receiver@example.org>");
+            bench::PutText(msg, "Subject", "Monthly report");
+            bench::PutText(msg, "BodyText", BodyText());
             VARIANT_BOOL ok;
             msg->AddMemoryAttachment(data, name.get(), empty.get(), empty.get(), &ok);
             msg->EnsureRawBody();

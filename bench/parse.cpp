@@ -29,10 +29,12 @@
 #include <vector>
 
 #include "automation/bstr.h"
+#include "host.h"
 #include "message/message.h"
 #include "shell/classes.h"
 
 namespace {
+
 
 std::string Composed() {
     static const std::string raw = [] {
@@ -46,8 +48,8 @@ std::string Composed() {
         std::string data(1024 * 1024, '\0');
         for (char& c : data) c = char(rng());
         kv::CMessage* msg = kv::CMessage::New();
-        msg->put_Subject(kv::automation::Bstr::FromUtf8("Parse me").get());
-        msg->put_BodyText(kv::automation::Bstr::FromUtf8(text).get());
+        bench::PutText(msg, "Subject", "Parse me");
+        bench::PutText(msg, "BodyText", text);
         VARIANT v;
         VariantInit(&v);
         v.vt = VT_ARRAY | VT_UI1;
