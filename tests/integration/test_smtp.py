@@ -168,9 +168,9 @@ def test_server_certificate_from_another_ca_is_refused(peers, make_smtp, tmp_pat
 
 def test_composed_messages_come_back_byte_identical(peers, make_smtp, tmp_path):
     rng = random.Random(20)
-    binary = bytes(rng.getrandbits(8) for _ in range(200000))
+    binary = rng.randbytes(200000)
     eight_bit = "d\u00e9j\u00e0 vu, \u65e5\u672c\r\n.starts with a dot\r\n..two dots\r\n".encode("utf-8") * 50
-    large = bytes(rng.getrandbits(8) for _ in range(3 << 20))
+    large = rng.randbytes(30 << 20)
     files = {"binary.bin": binary, "notes.txt": eight_bit, "large.bin": large}
     for name, data in files.items():
         (tmp_path / name).write_bytes(data)
@@ -241,7 +241,7 @@ def test_queue_file_arrives_through_sendmail_and_a_refused_one_stays(peers, make
     assert message["Subject"] == "queued"
     assert message.get_body(("plain",)).get_content().startswith(".leading dot")
 
-    # A sendmail that refuses leaves the file where it was.
+    # A file that sendmail refuses (here an option Postfix's sendmail does not take) stays.
     assert smtp.SendToQueue(str(queue)) is True
     refused = subprocess.run([sys.executable, PICKUP, str(queue), "--sendmail", sendmail + " -X /nonexistent/log"],
                              capture_output=True, text=True, timeout=60)
