@@ -83,37 +83,28 @@ print("  MD5 of the raw text:", parsed.GetMD5DigestOfArray(raw))
 
 
 # ---- The main job: mail through real servers -------------------------------
-# Starts Dovecot on 127.0.0.1 from a private configuration, delivers a few
-# messages composed here into a mailbox (through LMTP, as a mail server
-# would), and reads them back with Korvane.POP3 over TLS.
+# Starts Postfix and Dovecot on 127.0.0.1 from private configurations, sends
+# messages composed here through Postfix with STARTTLS and a login
+# (Korvane.SMTP), and reads them back from Dovecot with Korvane.POP3 over TLS.
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
 sys.path.insert(0, os.path.join(ROOT, "tests", "integration"))
 import subprocess  # noqa: E402
 
 from mailpeers import BOB, MailPeers, PeersUnavailable  # noqa: E402
 
-# Composed text crosses to the script as code page 1252, one character a byte.
-FROM_1252 = {}
-for b in range(0x80, 0xA0):
-    try:
-        FROM_1252[ord(bytes([b]).decode("cp1252"))] = b
-    except UnicodeDecodeError:
-        pass
 
-
-def compose(subject, body, attachments):
-    m = korvane.CreateObject("Korvane.Message")
-    m.FromAddr = "Korvane Demo <demo@example.test>"
-    m.ToAddr = "Bob <%s>" % BOB[0]
-    m.Subject = subject
-    m.BodyText = body
-    for name, data in attachments:
-        m.AddMemoryAttachment(data, name)
-    return m.RawBody.translate(FROM_1252).encode("latin-1")
+def use_verified_tls(session, ca_store, starttls):
+    tls = session.SSL
+    tls.AutosetPortAndSSL = False
+    tls.Enabled = True
+    tls.UseStartTLS = starttls               # STARTTLS, or TLS from the first byte
+    tls.VerifyServerCert = True              # against the test CA the servers were given
+    tls.SelectServerCertStore(ca_store, 1)
+    korvane.release(tls)
 
 
 print()
-print("Korvane.POP3 against a local Dovecot")
+print("Korvane.SMTP and Korvane.POP3 against a local Postfix and Dovecot")
 installer = os.path.join(ROOT, "tests", "integration", "install-peers.sh")
 try:
     if os.geteuid() == 0 and subprocess.run([installer], timeout=900).returncode != 0:
@@ -127,23 +118,40 @@ if peers:
         outbox = [
             ("Minutes of Monday's meeting", "Hello Bob,\r\nthe minutes are attached.\r\n",
              [("minutes.txt", b"1. Budget\r\n2. Schedule\r\n")]),
-            ("Photos – Grüße aus Köln", "Two pictures from the trip.\r\n",
+            ("Photos \u2013 Gr\u00fc\u00dfe aus K\u00f6ln", "Two pictures from the trip.\r\n",
              [("cathedral.jpg", b"\xff\xd8\xff\xe0 not really a JPEG"), ("rhine.png", b"\x89PNG\r\n\x1a\n...")]),
-            ("No attachment today", "Just a line of text.\r\n", []),
+            ("No attachment today", "Just a line of text.\r\n.A line that starts with a dot.\r\n", []),
         ]
-        peers.fill(BOB[0], [])
+        peers.clear(BOB[0])
+        smtp = korvane.CreateObject("Korvane.SMTP")
+        smtp.ServerName, smtp.PortNumber = "127.0.0.1", peers.submission
+        smtp.AuthMethod = 2                      # AUTH LOGIN, after STARTTLS
+        smtp.UserName, smtp.Password = BOB
+        use_verified_tls(smtp, peers.ca_store, starttls=True)
         for subject, body, attachments in outbox:
-            peers.deliver(BOB[0], compose(subject, body, attachments))
-        print("  delivered %d messages to %s through LMTP on port %d" % (len(outbox), BOB[0], peers.lmtp))
+            smtp.ResetMessage()
+            smtp.FromAddr = "Korvane Demo <demo@example.test>"
+            smtp.ToAddr = "Bob <%s>" % BOB[0]
+            smtp.Subject = subject
+            smtp.BodyText = body
+            message = smtp.Message
+            for name, data in attachments:
+                message.AddMemoryAttachment(data, name)
+            korvane.release(message)
+            if not smtp.Send():
+                print("  send failed:", smtp.ErrCode, smtp.ErrDesc)
+                break
+            print("  sent %-34r accepted for %s" % (subject, smtp.GetAcceptedRecipients()))
+        print("  over STARTTLS on port %d, logged in as %s; SupportsDSN=%s" % (
+            peers.submission, BOB[0], smtp.SupportsDSN))
+        smtp.Disconnect()
+        korvane.release(smtp)
+        peers.wait_for_mail(BOB[0], len(outbox))
 
         pop = korvane.CreateObject("Korvane.POP3")
-        tls = pop.SSL
-        tls.AutosetPortAndSSL = False
-        tls.Enabled = True                      # POP3S: TLS from the first byte
-        tls.VerifyServerCert = True             # against the test CA the servers were given
-        tls.SelectServerCertStore(peers.ca_store, 1)
+        use_verified_tls(pop, peers.ca_store, starttls=False)
         if pop.Connect("127.0.0.1", peers.pop3s, *BOB):
-            print("  connected over TLS to port %d: %d messages, %d bytes" % (
+            print("  POP3 over TLS on port %d: %d messages, %d bytes" % (
                 peers.pop3s, pop.MessageCount, pop.TotalSize))
             for i, got in enumerate(pop.RetrieveMessages(), 1):
                 print("  [%d] %s (UID %s, %d bytes)" % (i, got.Subject, pop.GetMessageUID(i), pop.Size(i)))
