@@ -167,6 +167,7 @@ bool CSMTP::SendMessageData(const bstring& body, const bstring& from, const bstr
     int32_t total = 0;
     bool cancelled = false;
     auto back_to_request = [this](bool reset_counts) {
+        Socket.MorePieces = false;
         SentData = ClientRequest.pData;
         SentSize = 0;
         if (reset_counts) SentCursor = SentTotal = 0;
@@ -193,7 +194,9 @@ bool CSMTP::SendMessageData(const bstring& body, const bstring& from, const bstr
         if (!FireStateEvent(kOnSendProgress, {automation::MakeI4(total)})) return cancelled = true, false;
         return true;
     };
+    Socket.MorePieces = true;
     if (!ForEachStuffedPiece(body.pData, body.nSize, kPiece, send_piece)) return send_failed();
+    Socket.MorePieces = false;
     const bool ends_with_crlf =
         body.nSize >= 2 && body.pData[body.nSize - 2] == '\r' && body.pData[body.nSize - 1] == '\n';
     const char* final_text = ends_with_crlf ? ".\r\n" : "\r\n.\r\n";
@@ -260,10 +263,19 @@ HRESULT CSMTP::RelayMessage(BSTR filePath, BSTR fromAddr, BSTR recips, VARIANT_B
     bstring body;
     bool read = false;
     if (std::FILE* f = platform::OpenFile(path, "rb")) {
-        char buffer[65536];
-        size_t n;
-        while ((n = std::fread(buffer, 1, sizeof buffer, f)) > 0) body.append(buffer, int32_t(n));
-        read = !std::ferror(f);
+        // Read in one go into room for the whole file; a file that grows
+        // meanwhile is read to its end all the same.
+        long size = std::fseek(f, 0, SEEK_END) == 0 ? std::ftell(f) : -1;
+        std::rewind(f);
+        read = size >= 0 && size < 0x7FFFFFF0;
+        if (read) {
+            body.reserve(int32_t(size));
+            body.nSize = int32_t(std::fread(body.pData, 1, size_t(size), f));
+            char buffer[65536];
+            size_t n;
+            while ((n = std::fread(buffer, 1, sizeof buffer, f)) > 0) body.append(buffer, int32_t(n));
+            read = !std::ferror(f);
+        }
         std::fclose(f);
     }
     if (!read) {

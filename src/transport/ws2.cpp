@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -244,6 +245,11 @@ int32_t WS2::Connect(const char* host, int32_t port) {
             // silent address could hang for minutes, so blocking mode bounds
             // it by Timeout and counts the time-out as a failed connect.
             SetNonBlocking(Sock, true);
+            // Commands wait for their replies: a small one must not wait
+            // for the acknowledgement of the last (pieces of one text use
+            // MSG_MORE instead).
+            int on = 1;
+            setsockopt(Sock, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
             Trace("WS2.Connect to connect socket");
             if (::connect(Sock, a->ai_addr, a->ai_addrlen) == 0) {
                 if (Blocking) SetNonBlocking(Sock, false);
@@ -392,7 +398,7 @@ int32_t WS2::Send(const char* data, int32_t length) {
             timeval tv{std::max(Timeout, 0), 0};
             setsockopt(Sock, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
         }
-        ssize_t n = ::send(Sock, window + sent, size_t(total - sent), MSG_NOSIGNAL);
+        ssize_t n = ::send(Sock, window + sent, size_t(total - sent), MSG_NOSIGNAL | (MorePieces ? MSG_MORE : 0));
         if (n >= 0) {
             Trace("WS2.Send bytes sent");
             sent += int32_t(n);

@@ -78,6 +78,10 @@ public:
     // the next Get reports the close instead of waiting on the socket.
     int32_t CryptClosePending = 0;
     int32_t SendDelay = 0;  // milliseconds slept ahead of each send
+    // Set while a text goes out in several pieces: the kernel may hold a
+    // piece back to fill a segment (MSG_MORE) until a send without it, so a
+    // small piece does not wait for the peer's delayed acknowledgement.
+    bool MorePieces = false;
     int32_t Blocking = 1;
     int64_t Deadline = 0;  // seconds since the epoch
     int32_t ReadPending = 0;
