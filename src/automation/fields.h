@@ -139,15 +139,19 @@ struct Crossing {
     using wire = Wire;
 };
 template <class T>
-inline constexpr bool kIsCrossing = false;
+inline constexpr bool kIsCrossingType = false;
 template <class W, auto F>
-inline constexpr bool kIsCrossing<const Crossing<W, F>> = true;  // as an argument, the object is const
+inline constexpr bool kIsCrossingType<Crossing<W, F>> = true;
+// An object standing as a template argument is const to some compilers and
+// not to others.
+template <class T>
+inline constexpr bool kIsCrossing = kIsCrossingType<std::remove_cv_t<T>>;
 
 // The value F names inside an object of C.
 template <class C, auto F>
 decltype(auto) FieldOf(C& c) {
     if constexpr (kIsCrossing<decltype(F)>)
-        return FieldOf<C, decltype(F)::field>(c);
+        return FieldOf<C, std::remove_cv_t<decltype(F)>::field>(c);
     else if constexpr (std::is_member_object_pointer_v<decltype(F)>)
         return (c.*F);
     else
@@ -160,9 +164,9 @@ using FieldType = std::remove_cvref_t<decltype(FieldOf<C, F>(std::declval<C&>())
 template <class C, auto F>
 auto WireOf() {
     if constexpr (kIsCrossing<decltype(F)>) {
-        using Wire = typename decltype(F)::wire;
+        using Wire = typename std::remove_cv_t<decltype(F)>::wire;
         if constexpr (std::is_same_v<Wire, NullWhileEmptyTag>)
-            return NullWhileEmptyWire<decltype(WireOf<C, decltype(F)::field>())>{};
+            return NullWhileEmptyWire<decltype(WireOf<C, std::remove_cv_t<decltype(F)>::field>())>{};
         else
             return Wire{};
     } else {
