@@ -153,6 +153,9 @@ private:
     ~CSMTP() override;
 
     bool SendEhlo();
+    // SendMessageData, then the state of a send that ended: IsError, and on
+    // success Phase 2, ErrCode 0 and the log line.
+    bool SendAndConclude(const bstring& body, const bstring& from, const bstring& recipients);
     bool Login();
     // Fires a state event of the send; false after the user said stop (the
     // session is then cancelled).

@@ -219,6 +219,17 @@ bool CSMTP::SendMessageData(const bstring& body, const bstring& from, const bstr
 
 // ---- the send methods ----------------------------------------------------------------------
 
+bool CSMTP::SendAndConclude(const bstring& body, const bstring& from, const bstring& recipients) {
+    bool ok = SendMessageData(body, from, recipients);
+    IsError = !ok;
+    if (ok) {
+        Phase = kPhaseReady;
+        WriteLog("[The message has been accepted by the server for delivery]");
+        ErrCode = kErrNone;
+    }
+    return ok;
+}
+
 HRESULT CSMTP::Send(VARIANT_BOOL* out) { return SendEx(nullptr, nullptr, out); }
 
 HRESULT CSMTP::SendEx(BSTR fromAddr, BSTR recips, VARIANT_BOOL* out) {
@@ -240,14 +251,7 @@ HRESULT CSMTP::SendEx(BSTR fromAddr, BSTR recips, VARIANT_BOOL* out) {
     EnvelopeFromMessage(from, recipients);
     Message->EnsureRawBody();
     WriteLog("[Sending the message over SMTP]");
-    bool ok = SendMessageData(Message->m_bsRawBody, from, recipients);
-    IsError = !ok;
-    if (ok) {
-        Phase = kPhaseReady;
-        WriteLog("[The message has been accepted by the server for delivery]");
-        ErrCode = kErrNone;
-    }
-    *out = Bool(ok);
+    *out = Bool(SendAndConclude(Message->m_bsRawBody, from, recipients));
     return S_OK;
 }
 
@@ -285,14 +289,7 @@ HRESULT CSMTP::RelayMessage(BSTR filePath, BSTR fromAddr, BSTR recips, VARIANT_B
     bstring from, recipients;
     from.assign_bstr_utf8(fromAddr);
     recipients.assign_bstr_utf8(recips);
-    bool ok = SendMessageData(body, from, recipients);
-    IsError = !ok;
-    if (ok) {
-        Phase = kPhaseReady;
-        WriteLog("[The message has been accepted by the server for delivery]");
-        ErrCode = kErrNone;
-    }
-    *out = Bool(ok);
+    *out = Bool(SendAndConclude(body, from, recipients));
     return S_OK;
 }
 
