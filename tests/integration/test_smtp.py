@@ -1,13 +1,15 @@
 """Korvane.SMTP against a real Postfix that delivers into Dovecot: every login
 method right and wrong (Dovecot's SASL, Cyrus SASL for NTLM, the KDC for
 GSSAPI), plain, STARTTLS and implicit TLS with and without verification, and
-messages composed by Korvane that come back through the mailbox
-byte-identical in body and attachments, with Python's email package as the
-reader. The pickup tool hands queue files to Postfix's sendmail."""
+messages composed by Korvane that come back byte-identical in body and
+attachments over Korvane's POP3 and over Python's imaplib with its email
+package as the reader; the relay lookup against a real dnsmasq. The pickup tool hands queue files to Postfix's sendmail."""
 import email
 import email.policy
+import imaplib
 import os
 import random
+import ssl
 import subprocess
 import sys
 
@@ -166,43 +168,85 @@ def test_server_certificate_from_another_ca_is_refused(peers, make_smtp, tmp_pat
 
 # ---- messages through Postfix into Dovecot ----
 
+def fetch_over_imap(peers, user, password):
+    """Every message of the mailbox as Python's imaplib fetches it, parsed by its email package."""
+    client = imaplib.IMAP4_SSL("127.0.0.1", peers.imaps, ssl_context=ssl.create_default_context(cafile=peers.ca))
+    client.login(user, password)
+    client.select("INBOX", readonly=True)
+    _, numbers = client.search(None, "ALL")
+    messages = []
+    for n in numbers[0].split():
+        _, data = client.fetch(n, "(RFC822)")
+        messages.append(email.message_from_bytes(data[0][1], policy=email.policy.default))
+    client.logout()
+    return messages
+
+
+def fetch_over_pop3(peers, user, password):
+    """Every message of the mailbox as Korvane.POP3 retrieves it: subject, body, attachments' bytes."""
+    pop = korvane.CreateObject("Korvane.POP3")
+    pop.Timeout = 60
+    try:
+        assert pop.Connect("127.0.0.1", peers.pop3, user, password) is True, pop.ErrDesc
+        got = {}
+        for message in pop.RetrieveMessages():
+            got[message.Subject] = (message.BodyText, {a.Filename: bytes(a.ContentAsArray) for a in message.Attachments})
+        pop.Disconnect()
+        return got
+    finally:
+        korvane.release(pop)
+
+
 def test_composed_messages_come_back_byte_identical(peers, make_smtp, tmp_path):
     rng = random.Random(20)
-    binary = rng.randbytes(200000)
-    eight_bit = "d\u00e9j\u00e0 vu, \u65e5\u672c\r\n.starts with a dot\r\n..two dots\r\n".encode("utf-8") * 50
-    large = rng.randbytes(30 << 20)
-    files = {"binary.bin": binary, "notes.txt": eight_bit, "large.bin": large}
+    files = {
+        "binary.bin": rng.randbytes(200000),
+        "notes.txt": "d\u00e9j\u00e0 vu, \u65e5\u672c\r\n.starts with a dot\r\n..two dots\r\n".encode("utf-8") * 50,
+        "large.bin": rng.randbytes(30 << 20),
+        "logo.png": b"\x89PNG\r\n\x1a\n" + rng.randbytes(3000),
+    }
     for name, data in files.items():
         (tmp_path / name).write_bytes(data)
 
     peers.clear(BOB[0])
     smtp = make_smtp(1, "starttls")
     smtp.PortNumber, smtp.UserName, smtp.Password = peers.submission, *BOB
+    # subject, BodyFormat, body, attachments (name, content ID), with an alternative plain body
     shapes = [
-        ("plain with dot lines", 0, "line one\r\n.\r\n.dot line\r\n..double\r\n", []),
-        ("html", 1, "<p>caf\u00e9 <b>bold</b></p>", []),
-        ("mixed", 0, "see attached\r\n", ["binary.bin", "notes.txt"]),
-        ("large", 0, "big\r\n", ["large.bin"]),
+        ("plain with dot lines", 0, "line one\r\n.\r\n.dot line\r\n..double\r\n", [], False),
+        ("html with its plain alternative", 1, "<p>caf\u00e9 <b>bold</b></p>", [], True),
+        ("related image", 1, '<p><img src="cid:logo"></p>', [("logo.png", "logo")], False),
+        ("mixed", 0, "see attached\r\n", [("binary.bin", ""), ("notes.txt", "")], False),
+        ("thirty megabytes", 0, "big\r\n", [("large.bin", "")], False),
     ]
-    for subject, body_format, body, attachments in shapes:
+    for subject, body_format, body, attachments, alternative in shapes:
         smtp.ResetMessage()
         smtp.FromAddr, smtp.ToAddr, smtp.Subject = "Sender <sender@example.test>", BOB[0], subject
         smtp.BodyFormat = body_format
         smtp.BodyText = body
-        for name in attachments:
-            assert smtp.AddAttachment(str(tmp_path / name)) is True
+        if alternative:
+            assert smtp.MakeAltBody() is True
+        for name, content_id in attachments:
+            assert smtp.AddAttachment(str(tmp_path / name), "", content_id) is True
         assert smtp.Send() is True, log_of(smtp)
         assert smtp.GetAcceptedRecipients() == BOB[0]
     assert smtp.Disconnect() is True
+    peers.wait_for_mail(BOB[0], len(shapes))
 
-    got = {m["Subject"]: m for m in delivered(peers, BOB[0], len(shapes))}
-    for subject, body_format, body, attachments in shapes:
-        message = got[subject]
+    over_imap = {m["Subject"]: m for m in fetch_over_imap(peers, *BOB)}
+    over_pop3 = fetch_over_pop3(peers, *BOB)
+    for subject, body_format, body, attachments, alternative in shapes:
+        message = over_imap[subject]
         text = message.get_body(("html",) if body_format else ("plain",)).get_content()
         assert text.replace("\r\n", "\n").rstrip("\n") == body.replace("\r\n", "\n").rstrip("\n")
-        received = {part.get_filename(): part.get_payload(decode=True) for part in message.iter_attachments()}
-        for name in attachments:
-            assert received[name] == files[name], name
+        if alternative:
+            assert message.get_body(("plain",)) is not None
+        parts = {part.get_filename(): part.get_payload(decode=True) for part in message.walk() if part.get_filename()}
+        korvane_body, korvane_parts = over_pop3[subject]
+        assert korvane_body.replace("\r\n", "\n").rstrip("\n") == body.replace("\r\n", "\n").rstrip("\n")
+        for name, _ in attachments:
+            assert parts[name] == files[name], name
+            assert korvane_parts[name] == files[name], name
 
 
 def test_refused_recipient_and_the_session_goes_on(peers, make_smtp):
@@ -247,3 +291,37 @@ def test_queue_file_arrives_through_sendmail_and_a_refused_one_stays(peers, make
                              capture_output=True, text=True, timeout=60)
     assert refused.returncode == 1 and "refused" in refused.stderr
     assert len(os.listdir(queue)) == 1
+
+
+# ---- the relay lookup against a real DNS server ----
+
+@pytest.fixture(scope="module")
+def dns_server(tmp_path_factory):
+    """dnsmasq, authoritative for example.test, on 127.0.0.5 port 53 (the client always asks 53)."""
+    if os.geteuid() != 0:
+        pytest.skip("dnsmasq on port 53 needs root")
+    directory = str(tmp_path_factory.mktemp("dns"))
+    up = subprocess.run(["bash", os.path.join(HERE, "peers", "dns-up.sh"), directory, "127.0.0.5", "53"],
+                        capture_output=True, text=True, timeout=30)
+    assert up.returncode == 0, up.stderr
+    yield "127.0.0.5"
+    subprocess.run(["bash", os.path.join(HERE, "peers", "dns-down.sh"), directory], timeout=30)
+
+
+# address, DNSServer, SingleAttemptOnly, relay ("" for none)
+RELAYS = [
+    ("a@example.test", "127.0.0.5", False, "mail.example.test"),           # the lowest preference
+    ("a@noip.example.test", "127.0.0.5", False, "missing.example.test"),
+    ("a@mail.example.test", "127.0.0.5", False, "mail.example.test"),      # no MX, a clean answer: the domain
+    ("a@nothere.example.test", "127.0.0.5", False, ""),                   # no such domain
+    ("not an address", "127.0.0.5", False, ""),
+    ("a@example.test", "127.0.0.6;127.0.0.5", False, "mail.example.test"),  # the first is silent
+    ("a@example.test", "127.0.0.6;127.0.0.5", True, ""),                   # ... and asked alone
+]
+
+
+@pytest.mark.parametrize("address,server,single,relay", RELAYS, ids=[r[0] + " via " + r[1] for r in RELAYS])
+def test_relay_server_from_the_mail_exchangers(dns_server, make_smtp, address, server, single, relay):
+    smtp = make_smtp()
+    assert (smtp.GetRelayServerFromEmailAddress(address, server, single, 1) or "") == relay
+    assert smtp.IsError is False and smtp.Connected is False

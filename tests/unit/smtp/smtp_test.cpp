@@ -284,6 +284,11 @@ TEST(SmtpSend, RecipientsRefusalsAndRecovery) {
           Say("250 ok\r\n"), rcpt("c@example.test"), Say("250 ok\r\n"), Hear("DATA\r\n"), Say("354 go\r\n"),
           HearLine(), HearLine(), HearLine(), HearLine(), Say("554 spam\r\n"), Hear("RSET\r\n"), Say("250 reset\r\n")},
          false, 124, "a@example.test, b@example.test, c@example.test", "", true},
+        {"DATA answered with a 4xx", false,
+         {Hear(mail), Say("250 ok\r\n"), rcpt("a@example.test"), Say("250 ok\r\n"), rcpt("b@example.test"),
+          Say("250 ok\r\n"), rcpt("c@example.test"), Say("250 ok\r\n"), Hear("DATA\r\n"), Say("451 later\r\n"),
+          Hear("RSET\r\n"), Say("250 reset\r\n")},
+         false, 116, "a@example.test, b@example.test, c@example.test", "", true},
         {"connection lost at RCPT", false, {Hear(mail), Say("250 ok\r\n"), rcpt("a@example.test"), Close()}, false, 6,
          "", "a@example.test", false},
     };
