@@ -306,8 +306,8 @@ TEST(SmtpSend, RecipientsRefusalsAndRecovery) {
         EXPECT_EQ(Str(s.smtp->RefusedRecipients), c.refused);
         EXPECT_EQ(s.smtp->Connected, c.connected);
         if (c.connected && !c.ok) {
-            // The properties show the refused command, not RSET.
-            EXPECT_EQ(Str(s.smtp->ServerResponse).substr(0, 1), "5");
+            // The properties show the refused command's reply, not RSET's.
+            EXPECT_NE(Str(s.smtp->ServerResponse).substr(0, 3), "250");
             EXPECT_TRUE(s.Logged("[Sending failed (but connection is still valid)]"));
         }
         s.smtp->Socket.Disconnect();
